@@ -1,0 +1,40 @@
+// The backend configuration file: device lines (vid, pid, feature file, model)
+// and key=value switches.
+#ifndef QUARTO_SANECONFREADER_H
+#define QUARTO_SANECONFREADER_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "CLogger.h"
+
+struct ScannerInfo {
+    int iVID = 0;
+    int iPID = 0;
+    std::string szFeaturePathFname;
+    std::string szModelName;  // underscores already turned into blanks
+};
+
+class SaneConfReader : public CLogger {
+public:
+    SaneConfReader();
+    virtual ~SaneConfReader();
+
+    int LoadConf(const char* fileName);
+    void Add(int vid, int pid, const char* featureFile, const char* model);
+    int isFound(int vid, int pid);
+    const char* GetFeatureFile(int vid, int pid);
+    const char* getConfigValue(const char* key);
+    const char* GetManufacturer();
+    int PushManufacturer(const char* text);
+
+    const std::vector<ScannerInfo>& GetScannerList() const { return ScannerList; }
+
+private:
+    std::vector<ScannerInfo> ScannerList;
+    char cBackend[32];
+    std::map<std::string, std::string> configPairs;
+};
+
+#endif
