@@ -49,6 +49,12 @@ protected:
     double iCurrentTly = 0.0;
     double iCurrentBrx = 0.0;
     double iCurrentBry = 0.0;
+
+private:
+    // Millimetres to pixels at the current resolution (operands as last refreshed).
+    double toPixels(double mm) const;
+    int computePixelsPerLine();
+    int computeBytesPerLine();
 };
 
 #endif

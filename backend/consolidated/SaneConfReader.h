@@ -32,6 +32,9 @@ public:
     const std::vector<ScannerInfo>& GetScannerList() const { return ScannerList; }
 
 private:
+    // The first device line with both identifiers, or a null pointer.
+    const ScannerInfo* findScanner(int vid, int pid) const;
+
     std::vector<ScannerInfo> ScannerList;
     char cBackend[32];
     std::map<std::string, std::string> configPairs;
