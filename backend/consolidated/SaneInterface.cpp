@@ -17,15 +17,59 @@ static int iPseudo = 0;
 static int iDpi = 0;
 static SANE_Option_Descriptor m_opt[QUARTO_NUM_OPTIONS];
 
+static const char kPseudoVendor[] = "MFP";
+static const char kPseudoModel[] = "Network";
+static const char kPseudoName[] = "libnet/SPECIFY_DEVICE";
+static const char kScannerType[] = "Scanner";
+
+// Frees a string of a record unless it is one of the constant literals above.
+static void freeRecordString(SANE_String_Const s) {
+    if (s != kPseudoVendor && s != kPseudoModel && s != kPseudoName && s != kScannerType)
+        free(const_cast<char*>(s));
+}
+
 static void releaseDeviceList() {
     if (g_pDeviceListPtr == nullptr) return;
     for (int i = 0; i < iNum; ++i) {
         LOG_DEBUG("cleaning device %d/%d...", i + 1, iNum);
-        // The strings stay valid: they are never freed, only the records.
-        free(g_pDeviceListPtr[i]);
+        SANE_Device* dev = g_pDeviceListPtr[i];
+        if (dev == nullptr) continue;
+        // The front end's pointers are only valid until the next list, so the
+        // copied strings go with their record.
+        freeRecordString(dev->name);
+        freeRecordString(dev->vendor);
+        freeRecordString(dev->model);
+        free(dev);
     }
     free(g_pDeviceListPtr);
     g_pDeviceListPtr = nullptr;
+}
+
+SANE_Device* sane_ScanLib_make_device(char* raw) {
+    SANE_Device* dev = (SANE_Device*)calloc(1, sizeof(SANE_Device));
+    if (dev == nullptr) return nullptr;
+    if (raw != nullptr && strstr(raw, "NET_PSEUDO_PLACE_HOLDER::") != nullptr) {
+        dev->vendor = kPseudoVendor;
+        dev->model = kPseudoModel;
+        dev->name = kPseudoName;
+    } else {
+        // Split in place at every '/': vendor, model, name; a fourth piece and any
+        // further ones are dropped, so libnet:A/B keeps only libnet:A (intended).
+        char* pieces[3] = {nullptr, nullptr, nullptr};
+        int n = 0;
+        char* save = nullptr;
+        for (char* tok = raw ? strtok_r(raw, "/", &save) : nullptr; tok != nullptr && n < 3;
+             tok = strtok_r(nullptr, "/", &save))
+            pieces[n++] = tok;
+        dev->vendor = strdup(pieces[0] ? pieces[0] : "");
+        dev->model = strdup(pieces[1] ? pieces[1] : "");
+        char* devName = strdup(pieces[2] ? pieces[2] : "");
+        for (char* p = devName; p && *p; ++p)
+            if (*p == ':') *p = '/';
+        dev->name = devName;
+    }
+    dev->type = kScannerType;
+    return dev;
 }
 
 SANE_Status sane_ScanLib_init(SANE_Int* version_code, SANE_Auth_Callback) {
@@ -58,42 +102,25 @@ SANE_Status sane_ScanLib_get_devices(const SANE_Device*** device_list, SANE_Bool
     g_pDeviceListPtr = (SANE_Device**)calloc((size_t)iNum + 1, sizeof(SANE_Device*));
     if (g_pDeviceListPtr == nullptr) {
         iNum = 0;
+        for (int i = 0; i < count; ++i) free(raw[i]);
         free(raw);
         return SANE_STATUS_NO_MEM;
     }
     for (int i = 0; i < iNum; ++i) {
-        SANE_Device* dev = (SANE_Device*)calloc(1, sizeof(SANE_Device));
+        LOG_DEBUG("raw: %s", raw[i] ? raw[i] : "");
+        SANE_Device* dev = sane_ScanLib_make_device(raw[i]);
+        free(raw[i]);  // the record holds copies
+        raw[i] = nullptr;
         if (dev == nullptr) {
             iNum = i;
             break;
         }
-        char* name = raw[i];
-        LOG_DEBUG("raw: %s", name ? name : "");
-        if (name != nullptr && strstr(name, "NET_PSEUDO_PLACE_HOLDER::") != nullptr) {
-            dev->vendor = "MFP";
-            dev->model = "Network";
-            dev->name = "libnet/SPECIFY_DEVICE";
-        } else {
-            // Split in place at every '/': vendor, model, name; further pieces are dropped.
-            char* pieces[3] = {nullptr, nullptr, nullptr};
-            int n = 0;
-            char* save = nullptr;
-            for (char* tok = name ? strtok_r(name, "/", &save) : nullptr; tok != nullptr && n < 3;
-                 tok = strtok_r(nullptr, "/", &save))
-                pieces[n++] = tok;
-            dev->vendor = strdup(pieces[0] ? pieces[0] : "");
-            dev->model = strdup(pieces[1] ? pieces[1] : "");
-            char* devName = strdup(pieces[2] ? pieces[2] : "");
-            for (char* p = devName; p && *p; ++p)
-                if (*p == ':') *p = '/';
-            dev->name = devName;
-        }
-        dev->type = "Scanner";
         LOG_DEBUG("name: %s", dev->name);
         g_pDeviceListPtr[i] = dev;
     }
     g_pDeviceListPtr[iNum] = nullptr;
-    free(raw);  // the array only; the raw strings are left as they are
+    for (int i = iNum; i < count; ++i) free(raw[i]);  // left over after a failed allocation
+    free(raw);
     if (device_list != nullptr) *device_list = (const SANE_Device**)g_pDeviceListPtr;
     SANEIF_END();
     return SANE_STATUS_GOOD;

@@ -7,6 +7,10 @@
 
 #define QUARTO_NUM_OPTIONS 27
 
+// One device record from a raw transport name (the string is split in place).
+// The record is heap-allocated; its strings live as long as the process.
+SANE_Device* sane_ScanLib_make_device(char* raw);
+
 SANE_Status sane_ScanLib_init(SANE_Int* version_code, SANE_Auth_Callback authorize);
 void sane_ScanLib_exit(void);
 SANE_Status sane_ScanLib_get_devices(const SANE_Device*** device_list, SANE_Bool local_only);

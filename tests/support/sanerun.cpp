@@ -1,0 +1,41 @@
+#include "sanerun.h"
+
+namespace qt {
+
+static void replaceAll(std::string& s, const std::string& from, const std::string& to) {
+    for (size_t pos = s.find(from); pos != std::string::npos; pos = s.find(from, pos + to.size()))
+        s.replace(pos, from.size(), to);
+}
+
+std::string SaneEnv::expand(const std::string& text) {
+    std::string s = text;
+    replaceAll(s, "@MODELDIR@", sourceDir() + "/etc/models");
+    replaceAll(s, "@DATADIR@", sourceDir() + "/tests/data");
+    return s;
+}
+
+SaneEnv::SaneEnv(const std::string& quartoConf, const std::string& scenarioPath) : szScenario(scenarioPath) {
+    // Only quarto is loaded: no other installed backend may probe anything.
+    writeFile(dir.file("dll.conf"), "quarto\n");
+    writeFile(dir.file("quarto.conf"), expand(quartoConf));
+}
+
+std::vector<std::string> SaneEnv::env(const std::vector<std::string>& extra) const {
+    std::vector<std::string> e = {
+        "SANE_CONFIG_DIR=" + dir.path(),
+        "LD_LIBRARY_PATH=" + binaryDir() + "/sim:" + binaryDir() + "/backend",
+        "QUARTO_USBSIM_LOG=" + simLogPath(),
+    };
+    if (!szScenario.empty()) e.push_back("QUARTO_USBSIM=" + szScenario);
+    for (const std::string& x : extra) e.push_back(x);
+    return e;
+}
+
+int SaneEnv::scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
+                       const std::vector<std::string>& extraEnv, int timeoutSeconds) const {
+    std::vector<std::string> argv = {"scanimage"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProgram(argv, env(extraEnv), out, err, timeoutSeconds);
+}
+
+}  // namespace qt

@@ -1,0 +1,39 @@
+// Runs the real SANE front ends against the built backend and the simulated
+// scanner, always with a configuration directory of the test's own.
+#ifndef QUARTO_SANERUN_H
+#define QUARTO_SANERUN_H
+
+#include <string>
+#include <vector>
+
+#include "testutil.h"
+
+namespace qt {
+
+class SaneEnv {
+public:
+    // quartoConf is the text of quarto.conf; "@MODELDIR@" in it is replaced by
+    // the repository's etc/models and "@DATADIR@" by tests/data.
+    explicit SaneEnv(const std::string& quartoConf, const std::string& scenarioPath = std::string());
+
+    const std::string& confDir() const { return dir.path(); }
+    std::string file(const std::string& name) const { return dir.file(name); }
+    // Environment for a front end: SANE_CONFIG_DIR, LD_LIBRARY_PATH (simulator
+    // first), QUARTO_USBSIM, QUARTO_USBSIM_LOG, plus the extra entries.
+    std::vector<std::string> env(const std::vector<std::string>& extra = {}) const;
+    std::string simLogPath() const { return dir.file("usbsim.log"); }
+
+    // scanimage with the given arguments; returns its exit status.
+    int scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
+                  const std::vector<std::string>& extraEnv = {}, int timeoutSeconds = 300) const;
+
+    static std::string expand(const std::string& text);
+
+private:
+    TempDir dir;
+    std::string szScenario;
+};
+
+}  // namespace qt
+
+#endif

@@ -1,0 +1,163 @@
+#include "testutil.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace qt {
+
+static std::string envOr(const char* name, const char* fallback) {
+    const char* v = getenv(name);
+    return v && *v ? v : fallback;
+}
+
+std::string sourceDir() { return envOr("QUARTO_SOURCE_DIR", "."); }
+std::string binaryDir() { return envOr("QUARTO_BINARY_DIR", "./build"); }
+
+TempDir::TempDir() {
+    std::string tmpl = envOr("TMPDIR", "/tmp") + "/quarto-test-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    szPath = buf.data();
+}
+
+TempDir::~TempDir() {
+    // Only ever removes the directory this object created.
+    if (szPath.find("/quarto-test-") == std::string::npos) return;
+    std::vector<std::string> argv = {"rm", "-rf", "--", szPath};
+    runProgram(argv, {}, nullptr, nullptr, 60);
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    if (!f) throw std::runtime_error("cannot write " + path);
+    f << content;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+bool fileExists(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+static std::string drain(int fd) {
+    std::string s;
+    char buf[65536];
+    lseek(fd, 0, SEEK_SET);
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof(buf))) > 0) s.append(buf, (size_t)n);
+    return s;
+}
+
+static int makeTempFile(std::string* name) {
+    std::string tmpl = envOr("TMPDIR", "/tmp") + "/quarto-out-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    int fd = mkstemp(buf.data());
+    if (fd < 0) throw std::runtime_error("mkstemp failed");
+    *name = buf.data();
+    return fd;
+}
+
+int runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out,
+               std::string* err, int timeoutSeconds) {
+    std::string outName, errName;
+    int outFd = makeTempFile(&outName);
+    int errFd = makeTempFile(&errName);
+    unlink(outName.c_str());
+    unlink(errName.c_str());
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        int devnull = open("/dev/null", O_RDONLY);
+        if (devnull >= 0) dup2(devnull, 0);
+        dup2(outFd, 1);
+        dup2(errFd, 2);
+        for (const std::string& e : env) putenv(strdup(e.c_str()));
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    int status = 0;
+    time_t deadline = time(nullptr) + timeoutSeconds;
+    while (true) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) break;
+        if (r < 0 && errno != EINTR) break;
+        if (time(nullptr) > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(10000);
+    }
+    if (out) *out = drain(outFd);
+    if (err) *err = drain(errFd);
+    close(outFd);
+    close(errFd);
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+StderrCapture::StderrCapture() {
+    fflush(stderr);
+    int fd = makeTempFile(&szFile);
+    iSavedFd = dup(2);
+    dup2(fd, 2);
+    close(fd);
+}
+
+StderrCapture::~StderrCapture() { finish(); }
+
+std::string StderrCapture::finish() {
+    if (bDone) return std::string();
+    bDone = true;
+    fflush(stderr);
+    dup2(iSavedFd, 2);
+    close(iSavedFd);
+    std::string s = readFile(szFile);
+    unlink(szFile.c_str());
+    return s;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : szName(name) {
+    const char* old = getenv(name);
+    if (old) {
+        bHadOld = true;
+        szOld = old;
+    }
+    if (value)
+        setenv(name, value, 1);
+    else
+        unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (bHadOld)
+        setenv(szName.c_str(), szOld.c_str(), 1);
+    else
+        unsetenv(szName.c_str());
+}
+
+}  // namespace qt

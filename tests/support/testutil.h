@@ -1,0 +1,65 @@
+// Small helpers shared by the tests: temporary directories, files, commands and
+// the locations of the source and build trees.
+#ifndef QUARTO_TESTUTIL_H
+#define QUARTO_TESTUTIL_H
+
+#include <string>
+#include <vector>
+
+namespace qt {
+
+// Source and build trees, from QUARTO_SOURCE_DIR / QUARTO_BINARY_DIR (set by ctest).
+std::string sourceDir();
+std::string binaryDir();
+
+// A fresh private directory under $TMPDIR (or /tmp), removed by the destructor.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return szPath; }
+    std::string file(const std::string& name) const { return szPath + "/" + name; }
+
+private:
+    std::string szPath;
+};
+
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+bool fileExists(const std::string& path);
+
+// Runs argv (no shell) with extra environment entries "K=V"; returns the exit
+// status (or 128 + signal), stdout and stderr captured into the strings given.
+int runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out,
+               std::string* err, int timeoutSeconds = 300);
+
+// Captures what the calling process writes to standard error while alive.
+class StderrCapture {
+public:
+    StderrCapture();
+    ~StderrCapture();
+    std::string finish();  // restores stderr and returns what was written
+
+private:
+    int iSavedFd = -1;
+    std::string szFile;
+    bool bDone = false;
+};
+
+// Sets an environment variable for the lifetime of the object, then restores it.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);  // value nullptr: unset
+    ~ScopedEnv();
+
+private:
+    std::string szName;
+    std::string szOld;
+    bool bHadOld = false;
+};
+
+}  // namespace qt
+
+#endif
