@@ -66,10 +66,13 @@ int SaneConfReader::LoadConf(const char* fileName) {
     }
     fclose(file);
 
-    // operator[] inserts an empty value for a key the file did not give, so these
-    // two keys never read as absent afterwards: intended.
-    LOG_DEBUG("DISCOVER_USB_FLAG: %s", configPairs["DISCOVER_USB_FLAG"].c_str());
-    LOG_DEBUG("DISCOVER_NET_FLAG: %s", configPairs["DISCOVER_NET_FLAG"].c_str());
+    // The look-up inserts an empty value for a key the file did not give, so these
+    // two keys never read as absent afterwards: intended. It runs outside the log
+    // macros, whose arguments are not evaluated while logging is off.
+    const std::string& usbFlag = configPairs["DISCOVER_USB_FLAG"];
+    const std::string& netFlag = configPairs["DISCOVER_NET_FLAG"];
+    LOG_DEBUG("DISCOVER_USB_FLAG: %s", usbFlag.c_str());
+    LOG_DEBUG("DISCOVER_NET_FLAG: %s", netFlag.c_str());
     LOG_METHOD_END_INT(1);
     return 1;
 }
