@@ -5,7 +5,28 @@
 
 #include <sane/sane.h>
 
+class ScanLib;
+
 #define QUARTO_NUM_OPTIONS 27
+
+// Index in a page-size or document-source list of the front end to the size or
+// document-source code of the scan settings the network scan program takes.
+extern const int sane_size_kestrel_size_mapping[38];
+extern const int isd_sane_size_kestrel_size_mapping[32];
+extern const int pssd_sane_docsource_kestrel_docsource_mapping[10];
+extern const int isd_sane_docsource_kestrel_docsource_mapping[9];
+
+// The option table (process-wide; one session at a time). GetListValues builds
+// the device-dependent lists, InitOptions fills the 27 descriptors from them,
+// UpdateOptions makes the option store recompute what depends on CURRENTDPI.
+void GetListValues(ScanLib* session);
+void InitOptions(ScanLib* session);
+void UpdateOptions(ScanLib* session);
+// Checks (and for a range clamps) a value against the descriptor's constraint;
+// SANE_STATUS_INVAL when it is not allowed.
+SANE_Status CheckValue(const SANE_Option_Descriptor* opt, void* value, SANE_Int* info);
+// Position of text in a NULL-terminated list (exact comparison), or -1.
+int search_string_list(const SANE_String_Const* list, const char* text);
 
 // One device record from a raw transport name (the string is split in place).
 // The record is heap-allocated; its strings live as long as the process.
