@@ -1,0 +1,890 @@
+#include "IOComm.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "CResponse.h"
+#include "ConfigReader.h"
+#include "DataBuffer.h"
+#include "ICommand.h"
+#include "ImageData.h"
+#include "SaneConfReader.h"
+#include "util.h"
+
+namespace {
+
+// Device and interface classes that mark a scanner interface.
+const int DEVICE_CLASS_PER_INTERFACE = 0;
+const int DEVICE_CLASS_VENDOR = 255;
+const int IFACE_CLASS_SCANNER = 16;
+const int IFACE_CLASS_NONE = 0;
+const int IFACE_CLASS_VENDOR = 255;
+// Bit 7 of an endpoint address marks an IN endpoint.
+const int ENDPOINT_DIR_IN = 0x80;
+// usb_claim_interface result while a kernel driver holds the interface.
+const int USB_RESULT_BUSY = -16;
+
+// Scan records: 0x1B 'S' 0x02, the status at offset 8.
+const int RECORD_STATUS_OFFSET = 8;
+const int RECORD_KIND_OFFSET = 10;
+const unsigned RECORD_SCAN_COMPLETE = 1;
+const unsigned RECORD_PAGE_END = 7;
+const unsigned RECORD_JOB_START = 8;
+const unsigned RECORD_PAGE_START = 9;
+const unsigned RECORD_IN_PROGRESS = 0;
+// A page-start record with byte 10 = 1 carries the interleave information:
+// five 32-bit little-endian values from offset 11.
+const unsigned RECORD_HAS_INTERLEAVE = 1;
+const int INTERLEAVE_WIDTH_OFFSET = 11;
+const int INTERLEAVE_HEIGHT_OFFSET = 15;
+const int INTERLEAVE_OFFSETX_OFFSET = 19;
+const int INTERLEAVE_OFFSETY_OFFSET = 23;
+const int INTERLEAVE_TRIM_OFFSET = 27;
+const int INTERLEAVE_RECORD_LEN = 31;
+
+// Wicket band header: four 32-bit big-endian values.
+const int BAND_HEADER_LEN = 16;
+const int BAND_LINES_OFFSET = 4;
+const int BAND_WIDTH_OFFSET = 8;
+const int BAND_QUALITY_OFFSET = 12;
+// Largest decoded band accepted (bytes); a header asking for more is malformed.
+const long MAX_BAND_BYTES = 1L << 30;
+// Largest decoded image accepted (bytes).
+const long MAX_IMAGE_BYTES = 1L << 31;
+
+const char MAKER_FULL_NAME[] = "Tarvesk International";
+const char MAKER_SHORT_NAME[] = "Tarvesk";
+const char UNKNOWN_VENDOR[] = "Unknown Vendor";
+const char UNKNOWN_PRODUCT[] = "Unknown Scanner";
+
+// The status byte of a scan record, or -1 when the bytes are no record or too
+// short to carry a status.
+int recordStatus(const unsigned char* p, int len) {
+    if (len <= RECORD_STATUS_OFFSET || p[0] != ESC || p[1] != ESC_S || p[2] != ESC_DATA_BLOCK) return -1;
+    return p[RECORD_STATUS_OFFSET];
+}
+
+// Copies text into buffer of size bytes, terminated, cut when it does not fit.
+void copyText(char* buffer, int size, const char* text) {
+    if (buffer == nullptr || size < 1) return;
+    size_t n = strnlen(text, (size_t)size - 1);
+    memcpy(buffer, text, n);
+    buffer[n] = '\0';
+}
+
+bool interfaceClassQualifies(const struct usb_interface& itf) {
+    if (itf.num_altsetting < 1 || itf.altsetting == nullptr) return false;
+    int c = itf.altsetting[0].bInterfaceClass;
+    return c == IFACE_CLASS_SCANNER || c == IFACE_CLASS_NONE || c == IFACE_CLASS_VENDOR;
+}
+
+// Number of interfaces of the first configuration.
+int interfaceCount(const struct usb_device* dev) {
+    if (dev->descriptor.bNumConfigurations == 0 || dev->config == nullptr) return 0;
+    return dev->config[0].bNumInterfaces;
+}
+
+// The class test of enumeration and of the interface choice at open.
+bool interfaceQualifies(const struct usb_device* dev, int i) {
+    if (i < 0 || i >= interfaceCount(dev)) return false;
+    switch (dev->descriptor.bDeviceClass) {
+    case DEVICE_CLASS_PER_INTERFACE:
+        return dev->config[0].interface != nullptr && interfaceClassQualifies(dev->config[0].interface[i]);
+    case DEVICE_CLASS_VENDOR:
+        return true;
+    default:
+        return false;
+    }
+}
+
+}  // namespace
+
+void IOComm::FreeDeleter::operator()(unsigned char* p) const { free(p); }
+
+IOComm::IOComm() : pDataBuffer(new DataBuffer()), aChunk(USB_CHUNK_SIZE) {
+    LOG_METHOD_START();
+    memset(cBus, 0, sizeof(cBus));
+    memset(cDev, 0, sizeof(cDev));
+    usb_init();
+    refreshBusses();
+    LOG_METHOD_END();
+}
+
+IOComm::~IOComm() {
+    LOG_METHOD_START();
+    // The progress display and the page cache of multi-page jobs are not built
+    // yet, so there is nothing to stop or delete beside the device itself.
+    LOG_DEBUG("closing progress dialog(if any)");
+    if (iOpen) closeDevice();
+    // closeDevice keeps a device whose interface could not be released marked
+    // open; the handle is still ours to close.
+    if (iOpen) closeHandle();
+    LOG_DEBUG("clearing cached page(if any)");
+    LOG_METHOD_END();
+}
+
+void IOComm::refreshBusses() {
+    usb_find_busses();
+    usb_find_devices();
+    pBusses = usb_get_busses();
+}
+
+int IOComm::optionInt(const char* key) { return pConfigReader != nullptr ? pConfigReader->GetIntOption(key) : 0; }
+
+// ---------------------------------------------------------------- enumeration
+
+int IOComm::getNameDev(struct usb_device* dev, usb_dev_handle* handle, char* buffer, int size, int kind) {
+    if (dev == nullptr || buffer == nullptr || size < 1) return 0;
+    if (kind == USB_NAME_VENDOR) {
+        if (dev->descriptor.iManufacturer == 0) return USB_NO_VENDOR_STRING;
+        if (handle == nullptr || usb_get_string_simple(handle, dev->descriptor.iManufacturer, buffer, size) < 0) {
+            copyText(buffer, size, UNKNOWN_VENDOR);
+        } else {
+            buffer[size - 1] = '\0';
+            if (strcmp(buffer, MAKER_FULL_NAME) == 0) copyText(buffer, size, MAKER_SHORT_NAME);
+        }
+    } else if (kind == USB_NAME_PRODUCT) {
+        if (dev->descriptor.iProduct == 0) return USB_NO_PRODUCT_STRING;
+        if (handle == nullptr || usb_get_string_simple(handle, dev->descriptor.iProduct, buffer, size) < 0)
+            copyText(buffer, size, UNKNOWN_PRODUCT);
+        else
+            buffer[size - 1] = '\0';
+    }
+    return 0;
+}
+
+int IOComm::getScanners(char*** list, int* count, void* conf) {
+    LOG_METHOD_START();
+    if (list == nullptr || count == nullptr) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    *list = nullptr;
+    *count = 0;
+    SaneConfReader* reader = static_cast<SaneConfReader*>(conf);
+    auto known = [reader](const struct usb_device* dev) {
+        return reader != nullptr && reader->isFound(dev->descriptor.idVendor, dev->descriptor.idProduct) == 1;
+    };
+
+    // Pass 1 counts. A device is counted once per qualifying interface, so a
+    // device with two such interfaces is listed twice: intended.
+    int total = 0;
+    for (struct usb_bus* bus = pBusses; bus != nullptr; bus = bus->next)
+        for (struct usb_device* dev = bus->devices; dev != nullptr; dev = dev->next)
+            for (int i = 0; i < interfaceCount(dev); ++i)
+                if (interfaceQualifies(dev, i) && known(dev)) ++total;
+    LOG_DEBUG("scanners found: %d", total);
+
+    char** names = (char**)malloc(sizeof(char*) * (size_t)(total > 0 ? total : 1));
+    if (names == nullptr) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+
+    // Pass 2 walks the same busses again and names each counted entry.
+    int n = 0;
+    for (struct usb_bus* bus = pBusses; bus != nullptr && n < total; bus = bus->next) {
+        for (struct usb_device* dev = bus->devices; dev != nullptr && n < total; dev = dev->next) {
+            for (int i = 0; i < interfaceCount(dev) && n < total; ++i) {
+                if (!interfaceQualifies(dev, i) || !known(dev)) continue;
+                char* name = (char*)malloc(USB_DEVICE_NAME_SIZE);
+                if (name == nullptr) {
+                    for (int k = 0; k < n; ++k) free(names[k]);
+                    free(names);
+                    LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+                    return COMM_STATUS_INVALID_ARG;
+                }
+                usb_dev_handle* handle = usb_open(dev);
+                char vendor[USB_STRING_SIZE] = {0};
+                char product[USB_STRING_SIZE] = {0};
+                getNameDev(dev, handle, vendor, sizeof(vendor), USB_NAME_VENDOR);
+                getNameDev(dev, handle, product, sizeof(product), USB_NAME_PRODUCT);
+                int written = snprintf(name, USB_DEVICE_NAME_SIZE, "%s/%s/libusb:%s:%s", vendor, product,
+                                       bus->dirname, dev->filename);
+                // A name longer than the buffer is cut, as the buffer size dictates.
+                if (written >= USB_DEVICE_NAME_SIZE) LOG_DEBUG("device name cut to %d bytes", USB_DEVICE_NAME_SIZE - 1);
+                if (handle != nullptr) usb_close(handle);
+                LOG_DEBUG("%s", name);
+                names[n++] = name;
+            }
+        }
+    }
+    *list = names;
+    *count = n;
+    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+    return COMM_STATUS_GOOD;
+}
+
+// ------------------------------------------------------------- device choice
+
+int IOComm::setDevice(char* name) {
+    LOG_METHOD_START();
+    if (name == nullptr) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    szDeviceName = name;
+    if (strstr(name, "libusb") != nullptr) {
+        // Fields split at ':': vendor/product/libusb, bus, device.
+        char copy[USB_SPLIT_NAME_SIZE + 1];
+        copyText(copy, sizeof(copy), name);
+        char* save = nullptr;
+        int index = 0;
+        for (char* tok = strtok_r(copy, ":", &save); tok != nullptr; tok = strtok_r(nullptr, ":", &save), ++index) {
+            if (index == 1) {
+                copyText(cBus, sizeof(cBus), tok);
+                LOG_DEBUG("USB bus number = %s", cBus);
+            } else if (index == 2) {
+                copyText(cDev, sizeof(cDev), tok);
+                LOG_DEBUG("USB device number = %s", cDev);
+            }
+        }
+    }
+    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::getVid() { return iVid; }
+
+int IOComm::getPid() { return iPid; }
+
+struct usb_device* IOComm::findDevice(const char* bus, const char* dev) {
+    for (struct usb_bus* b = pBusses; b != nullptr; b = b->next) {
+        if (strcmp(b->dirname, bus) != 0) continue;
+        for (struct usb_device* d = b->devices; d != nullptr; d = d->next)
+            if (strcmp(d->filename, dev) == 0) return d;
+    }
+    return nullptr;
+}
+
+bool IOComm::isSelectedDeviceActive() {
+    refreshBusses();
+    return findDevice(cBus, cDev) != nullptr;
+}
+
+bool IOComm::isDevicePresent() {
+    for (struct usb_bus* b = pBusses; b != nullptr; b = b->next)
+        for (struct usb_device* d = b->devices; d != nullptr; d = d->next)
+            if (d->descriptor.idVendor == iVid && d->descriptor.idProduct == iPid) {
+                LOG_DEBUG("device present but on another interface");
+                return true;
+            }
+    return false;
+}
+
+void IOComm::changeUSBDeviceInfo() {
+    for (struct usb_bus* b = pBusses; b != nullptr; b = b->next)
+        for (struct usb_device* d = b->devices; d != nullptr; d = d->next)
+            if (d->descriptor.idVendor == iVid && d->descriptor.idProduct == iPid) {
+                copyText(cBus, sizeof(cBus), b->dirname);
+                copyText(cDev, sizeof(cDev), d->filename);
+                LOG_DEBUG("USB bus number = %s", cBus);
+                LOG_DEBUG("USB device number = %s", cDev);
+                return;
+            }
+}
+
+unsigned int IOComm::cachedPageCount() {
+    // The page cache of multi-page jobs is not built yet: there are never
+    // pages left over from an earlier job.
+    return 0;
+}
+
+void IOComm::closeHandle() {
+    if (usbHandle != nullptr) usb_close(usbHandle);
+    usbHandle = nullptr;
+    usbDev = nullptr;
+    iOpen = 0;
+}
+
+int IOComm::openDevice() {
+    LOG_METHOD_START();
+    int status = COMM_STATUS_GOOD;
+    if (!isSelectedDeviceActive()) {
+        if (!isDevicePresent()) {
+            LOG_DEBUG("Selected device not present");
+            LOG_METHOD_END_INT(COMM_STATUS_NOT_PRESENT);
+            return COMM_STATUS_NOT_PRESENT;
+        }
+        // Re-plugged: the same identifiers under new bus and device numbers.
+        changeUSBDeviceInfo();
+    }
+
+    if (!iOpen) {
+        usbDev = findDevice(cBus, cDev);
+        if (usbDev == nullptr) {
+            LOG_DEBUG(" -> unable to open selected device, device maybe                     detached");
+            LOG_METHOD_END_INT(COMM_STATUS_NOT_PRESENT);
+            return COMM_STATUS_NOT_PRESENT;
+        }
+        iVid = usbDev->descriptor.idVendor;
+        iPid = usbDev->descriptor.idProduct;
+        usbHandle = usb_open(usbDev);
+        if (usbHandle == nullptr) {
+            usbDev = nullptr;
+            LOG_DEBUG(" -> device open failed");
+            LOG_METHOD_END_INT(COMM_STATUS_OPEN_FAILED);
+            return COMM_STATUS_OPEN_FAILED;
+        }
+        iOpen = 1;
+
+        int interfaces = interfaceCount(usbDev);
+        bool matched = false;
+        for (int i = 0; i < interfaces && !matched; ++i) {
+            if (interfaceQualifies(usbDev, i)) {
+                iIfaceNum = i;
+                matched = true;
+            }
+        }
+        if (iIfaceNum < interfaces && usbDev->config[0].interface != nullptr) {
+            const struct usb_interface& itf = usbDev->config[0].interface[iIfaceNum];
+            if (itf.num_altsetting >= 1 && itf.altsetting != nullptr && itf.altsetting[0].endpoint != nullptr) {
+                const struct usb_interface_descriptor& alt = itf.altsetting[0];
+                for (int e = 0; e < alt.bNumEndpoints; ++e) {
+                    int address = alt.endpoint[e].bEndpointAddress;
+                    if (address & ENDPOINT_DIR_IN)
+                        iEndPointIn = address;
+                    else
+                        iEndPointOut = address;
+                }
+            }
+        }
+
+        if (interfaceCount(usbDev) > 0) {
+            errno = 0;
+            int rc = usb_set_configuration(usbHandle, usbDev->config[0].bConfigurationValue);
+            if (rc != 0 && (errno == EPERM || rc == -EPERM)) {
+                LOG_DEBUG(" -> unable to set configuration %s", usb_strerror());
+                closeHandle();
+                LOG_METHOD_END_INT(COMM_STATUS_NO_PERMISSION);
+                return COMM_STATUS_NO_PERMISSION;
+            }
+            // Any other failure to set the configuration is ignored.
+        }
+
+        int rc = usb_claim_interface(usbHandle, iIfaceNum);
+        if (rc == USB_RESULT_BUSY) {
+            // A kernel driver holds the interface: detach it once and retry.
+            int detach = usb_detach_kernel_driver_np(usbHandle, iIfaceNum);
+            if (detach != 0) {
+                LOG_DEBUG(" -> unable to release kernel lock                                     on usb %s",
+                          usb_strerror());
+                // The device stays open and openDevice reports libusb's result.
+                status = detach;
+            } else if (usb_claim_interface(usbHandle, iIfaceNum) != 0) {
+                closeHandle();
+                LOG_METHOD_END_INT(COMM_STATUS_CLAIM_FAILED);
+                return COMM_STATUS_CLAIM_FAILED;
+            } else {
+                LOG_DEBUG(" -> usb interface claimed");
+            }
+        } else if (rc != 0) {
+            // Any other refusal is passed on as libusb's result; the device stays open.
+            status = rc;
+        } else {
+            LOG_DEBUG(" -> usb interface claimed");
+        }
+    } else {
+        LOG_DEBUG(" -> usb device opened");
+    }
+
+    if (status == COMM_STATUS_GOOD) {
+        unsigned int pages = cachedPageCount();
+        LOG_DEBUG("Total cached pages: %u", pages);
+        bCachedPageGiven = false;
+        bMultiPage = false;
+        if (pages > 0) {
+            bMultiPage = true;
+            LOG_DEBUG("Cached pages still exist, must bypass actual device scanning...");
+            status = COMM_STATUS_CACHED_PAGES;
+        }
+    }
+    LOG_METHOD_END_INT(status);
+    return status;
+}
+
+int IOComm::closeDevice() {
+    LOG_METHOD_START();
+    if (!iOpen) {
+        LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+        return COMM_STATUS_GOOD;
+    }
+    if (usb_release_interface(usbHandle, iIfaceNum) != 0) {
+        LOG_DEBUG(" -> Unable to release interface %s interface num %d", usb_strerror(), iIfaceNum);
+        LOG_METHOD_END_INT(COMM_STATUS_RELEASE_FAILED);
+        return COMM_STATUS_RELEASE_FAILED;
+    }
+    int reset = optionInt("USB_RESET_FLAG");
+    LOG_DEBUG("usb reset flag: %d", reset);
+    if (reset == 1) {
+        LOG_DEBUG("PID: %d", getPid());
+        LOG_DEBUG("calling usb_reset()");
+        usb_reset(usbHandle);
+    }
+    if (usb_close(usbHandle) != 0) {
+        LOG_DEBUG(" -> unable to close device");
+        LOG_METHOD_END_INT(COMM_STATUS_CLOSE_FAILED);
+        return COMM_STATUS_CLOSE_FAILED;
+    }
+    usbDev = nullptr;
+    usbHandle = nullptr;
+    iOpen = 0;
+    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::getVendorName(char* buffer, int size) {
+    if (buffer == nullptr || size < 1) return COMM_STATUS_INVALID_ARG;
+    if (usbHandle != nullptr && usbDev != nullptr) return getNameDev(usbDev, usbHandle, buffer, size, USB_NAME_VENDOR);
+    // Not open: the vendor part of the name as enumeration built it.
+    std::string vendor = szDeviceName.substr(0, szDeviceName.find('/'));
+    copyText(buffer, size, vendor.c_str());
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::getProductName(char* buffer, int size) {
+    if (buffer == nullptr || size < 1) return COMM_STATUS_INVALID_ARG;
+    if (usbHandle != nullptr && usbDev != nullptr)
+        return getNameDev(usbDev, usbHandle, buffer, size, USB_NAME_PRODUCT);
+    size_t first = szDeviceName.find('/');
+    std::string product;
+    if (first != std::string::npos) {
+        size_t second = szDeviceName.find('/', first + 1);
+        product = szDeviceName.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+    }
+    copyText(buffer, size, product.c_str());
+    return COMM_STATUS_GOOD;
+}
+
+// ------------------------------------------------------------- bulk transfers
+
+int IOComm::Write(unsigned char* data, int length) {
+    LOG_METHOD_START();
+    // openDevice also follows a re-plugged device; for an open device it is 0
+    // unless pages are cached.
+    if (openDevice() != COMM_STATUS_GOOD) {
+        LOG_DEBUG(" -> device is closed, open first");
+        LOG_METHOD_END_INT(COMM_STATUS_DEVICE_CLOSED);
+        return COMM_STATUS_DEVICE_CLOSED;
+    }
+    if (iEndPointOut == -1) {
+        LOG_DEBUG(" -> endpoint invalid");
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ENDPOINT);
+        return COMM_STATUS_INVALID_ENDPOINT;
+    }
+    LOG_DEBUG("HEX DUMP OUTGOING DATA: usb_bulk_write %d bytes with %d timeout", length, (int)COMM_DEFAULT_TIMEOUT_MS);
+    LOG_DUMP(data, length);
+    // No signal may interrupt the transfer halfway.
+    sigset_t all;
+    sigset_t saved;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &saved);
+    int rc = usb_bulk_write(usbHandle, iEndPointOut, (const char*)data, length, (int)COMM_DEFAULT_TIMEOUT_MS);
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    if (rc < 0) {
+        LOG_DEBUG(" -> write error %d = %s", rc, usb_strerror());
+        LOG_METHOD_END_INT(COMM_STATUS_WRITE_FAILED);
+        return COMM_STATUS_WRITE_FAILED;
+    }
+    // A short write is not detected.
+    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::Read(unsigned char* buffer, int* length) { return Read(buffer, length, COMM_DEFAULT_TIMEOUT_MS); }
+
+int IOComm::Read(unsigned char* buffer, int* length, long timeout) {
+    LOG_METHOD_START();
+    if (buffer == nullptr || length == nullptr) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    if (!iOpen) {
+        LOG_DEBUG(" -> device is closed, open first");
+        LOG_METHOD_END_INT(COMM_STATUS_DEVICE_CLOSED);
+        return COMM_STATUS_DEVICE_CLOSED;
+    }
+    if (iEndPointIn == -1) {
+        LOG_DEBUG(" -> invalid read endpoint");
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ENDPOINT);
+        return COMM_STATUS_INVALID_ENDPOINT;
+    }
+    int rc = usb_bulk_read(usbHandle, iEndPointIn, (char*)buffer, *length, (int)timeout);
+    if (rc > 0) {
+        // A device claiming more than was asked for is cut to the capacity.
+        if (rc > *length) rc = *length;
+        LOG_DUMP(buffer, rc);
+        *length = rc;
+        LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+        return COMM_STATUS_GOOD;
+    }
+    LOG_DEBUG(" -> read error %d = %s", rc, usb_strerror());
+    *length = 0;
+    LOG_METHOD_END_INT(COMM_STATUS_READ_FAILED);
+    return COMM_STATUS_READ_FAILED;
+}
+
+// ----------------------------------------------------------- command exchange
+
+int IOComm::writeCommand(int commandId, CResponse* reply) {
+    LOG_METHOD_START();
+    if (pCommand == nullptr) {
+        LOG_DEBUG(" -> command object NULL");
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    if (commandId == CMD_ID_START) pDataBuffer.reset(new DataBuffer());
+
+    pCommand->setCommandId(commandId);
+    unsigned char* raw = nullptr;
+    int len = 0;
+    if (pCommand->getCommand(&raw, &len) != 0 || raw == nullptr || len <= 0) {
+        free(raw);
+        LOG_DEBUG(" -> invalid command");
+        LOG_METHOD_END_INT(COMM_STATUS_BAD_COMMAND);
+        return COMM_STATUS_BAD_COMMAND;
+    }
+    std::unique_ptr<unsigned char, FreeDeleter> bytes(raw);
+    if (CLogger::debugEnabled())
+        for (int i = 0; i < len; ++i) LOG_DEBUG("%2X %d", raw[i], i);
+    if (Write(raw, len) != COMM_STATUS_GOOD) {
+        LOG_DEBUG(" -> unable to write command");
+        LOG_METHOD_END_INT(COMM_STATUS_WRITE_FAILED);
+        return COMM_STATUS_WRITE_FAILED;
+    }
+
+    int status = COMM_STATUS_GOOD;
+    int expected = pCommand->getCommandId();
+    if (expected >= CMD_ID_STATUS && expected <= CMD_ID_SCAN_SIZES) {
+        LOG_DEBUG("waiting for response...");
+        std::unique_ptr<CResponse> own;
+        if (reply == nullptr) {
+            own.reset(new CResponse());
+            reply = own.get();
+        }
+        unsigned char answer[USB_REPLY_SIZE];
+        for (int retries = 3; retries > 0; --retries) {
+            LOG_DEBUG("retries remaining: %d", retries);
+            int got = sizeof(answer);
+            if (Read(answer, &got) != COMM_STATUS_GOOD || reply->setHeader(answer, got) != 0) {
+                // A reply too short to be one counts as no reply.
+                status = COMM_STATUS_READ_FAILED;
+                LOG_DEBUG("waiting for response failed");
+                continue;
+            }
+            status = reply->getReply();
+            LOG_DEBUG("expected command ID: %d;  command ID from response data: %d", expected, status);
+            if (status == expected) {
+                LOG_DEBUG("expected reply found");
+                break;
+            }
+        }
+    }
+    LOG_METHOD_END_INT(status);
+    return status;
+}
+
+int IOComm::setCommand(ICommand* command) {
+    if (command == nullptr) return COMM_STATUS_INVALID_ARG;
+    pCommand = command;
+    return COMM_STATUS_GOOD;
+}
+
+ICommand* IOComm::getCommand() { return pCommand; }
+
+int IOComm::isLocal() { return 1; }
+
+char* IOComm::getIPAddress() { return nullptr; }
+
+int IOComm::setIPAddress(const char*) { return COMM_STATUS_GOOD; }
+
+int IOComm::setConfigReader(ConfigReader* store) {
+    pConfigReader = store;
+    return COMM_STATUS_GOOD;
+}
+
+// ----------------------------------------------------------- scan data stream
+
+void IOComm::dropPending() {
+    pPendingData.clear();
+    pPendingData.shrink_to_fit();
+    iPendingLen = 0;
+}
+
+int IOComm::fetchData(unsigned int length, unsigned char* destination) {
+    if (destination == nullptr && length > 0) return COMM_STATUS_INVALID_ARG;
+    unsigned int copied = 0;
+    if (iPendingLen > 0) {
+        unsigned int take = length < iPendingLen ? length : iPendingLen;
+        // The pending read position is not advanced when only part of the
+        // pending bytes is taken, so a later fetch copies from the same start
+        // again: intended. take never exceeds the bytes the buffer holds.
+        memcpy(destination, pPendingData.data(), take);
+        iPendingLen -= take;
+        copied = take;
+        if (iPendingLen == 0) dropPending();
+    }
+    while (copied < length) {
+        int got = USB_CHUNK_SIZE;
+        int rc = Read(aChunk.data(), &got);
+        if (rc != COMM_STATUS_GOOD) {
+            LOG_DEBUG("[ERROR] unable to read from device. status: %d", rc);
+            return rc;
+        }
+        unsigned int wanted = length - copied;
+        unsigned int take = (unsigned int)got < wanted ? (unsigned int)got : wanted;
+        memcpy(destination + copied, aChunk.data(), take);
+        copied += take;
+        if ((unsigned int)got > take) {
+            pPendingData.assign(aChunk.begin() + take, aChunk.begin() + got);
+            iPendingLen = (unsigned int)got - take;
+            break;
+        }
+    }
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::fetchMessage(unsigned char** message, unsigned int* length) {
+    if (message == nullptr || length == nullptr || pCommand == nullptr) return COMM_STATUS_INVALID_ARG;
+    *message = nullptr;
+    *length = 0;
+    int headerLen = pCommand->getHeaderLen();
+    if (headerLen <= 0) return COMM_STATUS_INVALID_ARG;
+    LOG_DEBUG("fetching message header(size: %d)...", headerLen);
+    std::vector<unsigned char> header((size_t)headerLen);
+    int rc = fetchData((unsigned int)headerLen, header.data());
+    if (rc != COMM_STATUS_GOOD) {
+        LOG_DEBUG("[ERROR] unable to fetch message header. %d", rc);
+        return rc;
+    }
+    int dataLen = pCommand->getESCDataSize(header.data(), headerLen);
+    LOG_DEBUG("data part len indicated in message header: %d", dataLen);
+    // A header that carries no length is a message without a data part.
+    if (dataLen < 0) dataLen = 0;
+    unsigned char* whole = (unsigned char*)malloc((size_t)headerLen + (size_t)dataLen);
+    if (whole == nullptr) {
+        LOG_DEBUG("[ERROR] unable to allocate memory to store data part");
+        return COMM_STATUS_INVALID_ARG;
+    }
+    memcpy(whole, header.data(), (size_t)headerLen);
+    LOG_DEBUG("fetching data part(size: %d)...", dataLen);
+    rc = fetchData((unsigned int)dataLen, whole + headerLen);
+    if (rc != COMM_STATUS_GOOD) {
+        LOG_DEBUG("[ERROR] unable to fetch data part. %d", rc);
+        free(whole);
+        return rc;
+    }
+    *message = whole;
+    *length = (unsigned int)(headerLen + dataLen);
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::clearData() {
+    LOG_METHOD_START();
+    for (;;) {
+        int got = USB_CHUNK_SIZE;
+        int rc = Read(aChunk.data(), &got, USB_CLEAR_TIMEOUT_MS);
+        if (rc != COMM_STATUS_GOOD) {
+            LOG_DEBUG("Unable to read from USB %d", rc);
+            break;
+        }
+        if (recordStatus(aChunk.data(), got) == (int)RECORD_SCAN_COMPLETE) {
+            LOG_DEBUG("We're done consuming");
+            break;
+        }
+    }
+    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::clear() {
+    LOG_METHOD_START();
+    dropPending();
+    int rc = clearData();
+    LOG_METHOD_END_INT(rc);
+    return rc;
+}
+
+int IOComm::consumeScannerData() {
+    LOG_METHOD_START();
+    int multiPage = optionInt("USB_MULTIPAGE_FLAG");
+    int source = optionInt("SCAN_SOURCE");
+    LOG_DEBUG("USB multi-page flag: %d", multiPage);
+    LOG_DEBUG("scan source: %d", source);
+    if (multiPage == 1 && source != 0) {
+        LOG_DEBUG("USB multi-page is enabled and scan source is ADF");
+        // Writing every page of the job to the page cache needs the cache,
+        // which is not built yet. The pages stay in the device and ReadImage
+        // reads them from the stream as in an ordinary scan.
+        LOG_DEBUG("multi-page caching is not available; reading pages from the device stream");
+    }
+    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
+    LOG_METHOD_START();
+    if (length == nullptr || buffer == nullptr) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    if (pCommand == nullptr) {
+        LOG_DEBUG(" -> command object NULL");
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    int rc;
+    if (pCommand->getCompression() == COMPRESSION_ON)
+        rc = readDecompressedImage(length, buffer);
+    else if (bMultiPage)
+        rc = readCachedPage(length, buffer);
+    else
+        rc = readOrdinaryImage(length, buffer, image);
+    LOG_METHOD_END_INT(rc);
+    return rc;
+}
+
+int IOComm::readDecompressedImage(int* length, DataBuffer* buffer) {
+    LOG_DEBUG("Total decompressed data size = %d", (int)iDecompSize);
+    if (iDecompSize > 0 && pDecompDataPtr != nullptr) {
+        int n = iDecompSize < USB_DECOMP_PIECE ? (int)iDecompSize : USB_DECOMP_PIECE;
+        buffer->SetRawData(pDecompDataPtr, n);
+        pDecompDataPtr += n;
+        iDecompSize -= n;
+        *length = n;
+        return COMM_STATUS_GOOD;
+    }
+    pDecompData.reset();
+    pDecompDataPtr = nullptr;
+    iDecompSize = 0;
+    return COMM_STATUS_END_OF_DATA;
+}
+
+int IOComm::readCachedPage(int*, DataBuffer*) {
+    if (bCachedPageGiven) {
+        LOG_DEBUG("cached page has already been given for this session");
+        LOG_DEBUG("indicating no more page to give");
+        return COMM_STATUS_END_OF_DATA;
+    }
+    unsigned int pages = cachedPageCount();
+    LOG_DEBUG("Total cached pages: %d", (int)pages);
+    if (pages > 0) {
+        // Taking a page needs the page cache, which is not built yet.
+        LOG_DEBUG("[ERROR] reading cached page failed");
+        return COMM_STATUS_READ_FAILED;
+    }
+    LOG_DEBUG("no more cached pages found");
+    return COMM_STATUS_END_OF_DATA;
+}
+
+int IOComm::readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image) {
+    unsigned char* chunk = aChunk.data();
+    int got = USB_CHUNK_SIZE;
+    int rc = Read(chunk, &got);
+    if (rc != COMM_STATUS_GOOD) return rc;
+
+    int status = recordStatus(chunk, got);
+    if (status > 0) {
+        // A record too short for the interleave fields does not carry them.
+        if (status == (int)RECORD_PAGE_START && readU8(chunk, got, RECORD_KIND_OFFSET) == RECORD_HAS_INTERLEAVE &&
+            got >= INTERLEAVE_RECORD_LEN) {
+            int width = (int)readLE32(chunk, got, INTERLEAVE_WIDTH_OFFSET);
+            int height = (int)readLE32(chunk, got, INTERLEAVE_HEIGHT_OFFSET);
+            int offsetX = (int)readLE32(chunk, got, INTERLEAVE_OFFSETX_OFFSET);
+            int offsetY = (int)readLE32(chunk, got, INTERLEAVE_OFFSETY_OFFSET);
+            int trim = (int)readLE32(chunk, got, INTERLEAVE_TRIM_OFFSET);
+            LOG_DEBUG(" ---------------------> width = %d", width);
+            LOG_DEBUG(" ---------------------> height = %d", height);
+            LOG_DEBUG(" ---------------------> offsetx = %d", offsetX);
+            LOG_DEBUG(" ---------------------> offsety = %d", offsetY);
+            LOG_DEBUG(" ---------------------> trim = %d", trim);
+            if (image != nullptr) image->SetInterleaveInfo(width, height, offsetX, offsetY, trim);
+        }
+        CResponse response;
+        response.setHeader(chunk, got);
+        return response.getRecordResponse();
+    }
+
+    // Image data (a record with status 0 too): strip the block headers and
+    // move the payload to the caller's buffer.
+    *length = 0;
+    pDataBuffer->SetRawData(chunk, got);
+    int more;
+    do {
+        more = pCommand->removeESC(pDataBuffer.get());
+        int ready = pDataBuffer->GetProcessedDataSize();
+        if (ready > 0) *length += pDataBuffer->GetProcessedData(buffer, ready);
+    } while (more != 0);
+    return COMM_STATUS_GOOD;
+}
+
+// ------------------------------------------------------------ compressed mode
+
+int IOComm::readAndDecompressData() {
+    LOG_METHOD_START();
+    if (pCommand == nullptr || pCommand->getCompression() != COMPRESSION_ON) {
+        LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+        return COMM_STATUS_GOOD;
+    }
+    size_t capacity = (size_t)USB_COMPRESSED_ESTIMATE;
+    std::unique_ptr<unsigned char, FreeDeleter> collected((unsigned char*)calloc(capacity, 1));
+    if (!collected) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    size_t used = 0;
+    unsigned char* chunk = aChunk.data();
+    for (;;) {
+        int got = USB_CHUNK_SIZE;
+        int rc = Read(chunk, &got);
+        if (rc != COMM_STATUS_GOOD) {
+            LOG_DEBUG(" -> unable to read image %d", rc);
+            LOG_METHOD_END_INT(rc);
+            return rc;
+        }
+        int status = recordStatus(chunk, got);
+        if (status >= 0) {
+            CResponse response;
+            response.setHeader(chunk, got);
+            int type = response.getRecordResponse();
+            if (type == (int)RECORD_SCAN_COMPLETE) {
+                LOG_DEBUG("We're done scanning. About to decompress data");
+                int result = usb_wicket_decompress(collected.get(), (unsigned int)used);
+                collected.reset();
+                LOG_DEBUG("Wicket Decompression returned %d", result);
+                LOG_METHOD_END_INT(result);
+                return result;
+            }
+            if (type == (int)RECORD_IN_PROGRESS || type == (int)RECORD_PAGE_END || type == (int)RECORD_JOB_START ||
+                type == (int)RECORD_PAGE_START)
+                continue;
+            LOG_METHOD_END_INT(type);
+            return type;
+        }
+        if (used + (size_t)got > capacity) {
+            LOG_DEBUG("memory estimation for compressed buffer not enough!");
+            size_t need = used + (size_t)got;
+            unsigned char* grown = (unsigned char*)realloc(collected.get(), need);
+            if (grown == nullptr) {
+                LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+                return COMM_STATUS_INVALID_ARG;
+            }
+            collected.release();
+            collected.reset(grown);
+            capacity = need;
+        }
+        memcpy(collected.get() + used, chunk, (size_t)got);
+        used += (size_t)got;
+    }
+}
+
+int IOComm::usb_wicket_decompress(unsigned char*, unsigned int) {
+    // Band decoding arrives with the Wicket codec.
+    LOG_DEBUG("Wicket Error : %d", -1);
+    return 1;
+}

@@ -1,0 +1,131 @@
+// The USB transport over libusb-0.1 bulk transfers: enumerates the configured
+// scanners, opens and claims one (following it when it was re-plugged under new
+// bus and device numbers), exchanges commands and replies, and reads the scan
+// data stream in its ordinary (escape-framed) and compressed (Wicket band) modes.
+#ifndef QUARTO_IOCOMM_H
+#define QUARTO_IOCOMM_H
+
+#include <usb.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CLogger.h"
+#include "ICommunication.h"
+
+// Chunk size of every scan data read.
+const int USB_CHUNK_SIZE = 8192;
+// Largest reply to a command.
+const int USB_REPLY_SIZE = 512;
+// Largest piece of decoded image that ReadImage hands out at once.
+const int USB_DECOMP_PIECE = 16384;
+// Initial size of the buffer that collects a compressed job.
+const long USB_COMPRESSED_ESTIMATE = 42000000;
+// Timeouts (milliseconds) of the drain after a cancel.
+const long USB_CLEAR_TIMEOUT_MS = 100;
+// Room of the bus and device file names (16 characters and the terminator).
+const int USB_PATH_FIELD = 17;
+// Buffer sizes of the device name and of the vendor and product strings.
+const int USB_DEVICE_NAME_SIZE = 255;
+const int USB_STRING_SIZE = 100;
+// Longest part of a device name that setDevice splits.
+const int USB_SPLIT_NAME_SIZE = 256;
+
+// getNameDev kinds and the results for a device without that string.
+const int USB_NAME_VENDOR = 98;
+const int USB_NAME_PRODUCT = 99;
+const int USB_NO_VENDOR_STRING = 96;
+const int USB_NO_PRODUCT_STRING = 97;
+
+class IOComm : public virtual ICommunication, public CLogger {
+public:
+    IOComm();
+    ~IOComm() override;
+    IOComm(const IOComm&) = delete;
+    IOComm& operator=(const IOComm&) = delete;
+
+    int Write(unsigned char* data, int length) override;
+    int Read(unsigned char* buffer, int* length) override;
+    int Read(unsigned char* buffer, int* length, long timeout) override;
+    int ReadImage(int* length, DataBuffer* buffer, ImageData* image) override;
+    int setDevice(char* name) override;
+    int getVid() override;
+    int getPid() override;
+    int getScanners(char*** list, int* count, void* conf) override;
+    int openDevice() override;
+    int closeDevice() override;
+    int getProductName(char* buffer, int size) override;
+    int getVendorName(char* buffer, int size) override;
+    int writeCommand(int commandId, CResponse* reply) override;
+    int setCommand(ICommand* command) override;
+    ICommand* getCommand() override;
+    int isLocal() override;
+    int clear() override;
+    char* getIPAddress() override;
+    int setIPAddress(const char* address) override;
+    int readAndDecompressData() override;
+    int consumeScannerData() override;
+    int setConfigReader(ConfigReader* store) override;
+
+    // Exact-length reads over the bulk pipe. fetchMessage hands out a malloc'ed
+    // message (header and data part) that the caller frees.
+    int fetchMessage(unsigned char** message, unsigned int* length);
+    int fetchData(unsigned int length, unsigned char* destination);
+    // Decodes the Wicket bands of a compressed job into the decoded image.
+    int usb_wicket_decompress(unsigned char* data, unsigned int length);
+    // Drains the device after a cancel, up to the scan-complete record.
+    int clearData();
+
+    const char* getBus() const { return cBus; }
+    const char* getDev() const { return cDev; }
+
+private:
+    // Reads a vendor (98) or product (99) string of dev into buffer.
+    int getNameDev(struct usb_device* dev, usb_dev_handle* handle, char* buffer, int size, int kind);
+    void refreshBusses();
+    struct usb_device* findDevice(const char* bus, const char* dev);
+    bool isSelectedDeviceActive();
+    bool isDevicePresent();
+    void changeUSBDeviceInfo();
+    void closeHandle();
+    // Pages left by an earlier multi-page job.
+    unsigned int cachedPageCount();
+    int readCachedPage(int* length, DataBuffer* buffer);
+    int readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image);
+    int readDecompressedImage(int* length, DataBuffer* buffer);
+    int optionInt(const char* key);
+    void dropPending();
+
+    struct usb_bus* pBusses = nullptr;
+    struct usb_device* usbDev = nullptr;
+    usb_dev_handle* usbHandle = nullptr;
+    int iOpen = 0;
+    int iIfaceNum = 0;
+    int iEndPointIn = -1;
+    int iEndPointOut = -1;
+    int iVid = 0;
+    int iPid = 0;
+    char cBus[USB_PATH_FIELD];
+    char cDev[USB_PATH_FIELD];
+    std::string szDeviceName;
+    ConfigReader* pConfigReader = nullptr;
+    ICommand* pCommand = nullptr;
+    std::unique_ptr<DataBuffer> pDataBuffer;
+    // Bytes read beyond what the last fetchData needed.
+    std::vector<unsigned char> pPendingData;
+    unsigned int iPendingLen = 0;
+    bool bCachedPageGiven = false;
+    bool bMultiPage = false;
+    // The decoded image of a compressed job and the read position in it.
+    struct FreeDeleter {
+        void operator()(unsigned char* p) const;
+    };
+    std::unique_ptr<unsigned char, FreeDeleter> pDecompData;
+    long iDecompSize = 0;
+    unsigned char* pDecompDataPtr = nullptr;
+    // One chunk of the scan data stream.
+    std::vector<unsigned char> aChunk;
+};
+
+#endif
