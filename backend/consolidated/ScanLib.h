@@ -68,6 +68,7 @@ public:
     // the same base name in a SANE_CONFIG_DIR directory when one has it.
     static std::string ResolveConfFile(const char* etcPath);
 
+    // Replace the transport or the command object; the session takes ownership.
     void SetIO(ICommunication* comm);
     void SetComm(ICommand* cmd);
 
@@ -88,6 +89,19 @@ public:
     static std::string toString(double value);
 
 private:
+    // Releases every owned object, in the order of the destructor.
+    void releaseAll();
+    // Open's steps after the start log; Open releases everything on failure.
+    int openSteps(const char* name);
+    // Start's device exchanges: wake, settings check, LOCK, START.
+    int lockAndStart();
+    // Aborts a read that was cancelled and returns SL_STATUS_CANCELLED.
+    int cancelledRead();
+    // Reads and discards what the device still sends after an abort.
+    void consumeAfterAbort();
+    // Gives the command object the option store and the transport the command.
+    void installCommand();
+
     // Owned; the destructor releases them in the order: transport, option store,
     // buffer, decompressor, command, image, pipeline, interleaver, configuration.
     std::unique_ptr<ConfigReader> pCfgReader;
