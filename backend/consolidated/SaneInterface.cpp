@@ -556,14 +556,17 @@ void InitOptions(ScanLib* session) {
                  (usb && isd) ? "The size of the area to be scanned. Values will change depending on the scan source."
                               : "The size of the area to be scanned.",
                  SANE_TYPE_STRING);
-    if (!usb)
+    if (!usb) {
+        network_page_sizes = PageSizeList();
+        for (const PageSize& p : NETWORK_PAGE_SIZES) appendPageSize(network_page_sizes, p.szName, p.dBrx, p.dBry);
         pPageSizes = &network_page_sizes;
-    else if (!isd)
+    } else if (!isd) {
         pPageSizes = &pssd_usb_page_sizes;
-    else if (session->GetIntValue("SCAN_SOURCE") != SOURCE_ADF)
+    } else if (session->GetIntValue("SCAN_SOURCE") != SOURCE_ADF) {
         pPageSizes = &isd_flatbed_page_sizes;
-    else
+    } else {
         pPageSizes = &isd_adf_page_sizes;
+    }
     setStringList(OPT_ORIGINAL_SIZE, pPageSizes->names);
 
     defineOption(OPT_ORIENTATION, "orientation", "Orientation", "The orientation of the scan output.",
