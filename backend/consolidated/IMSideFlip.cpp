@@ -44,6 +44,7 @@ int IMSideFlip::Perform(ImageData* image, int size) {
 
     const long lines = size / stride;
     unsigned char* line = data;
+    // Only the pixels are mirrored; the padding of a padded line stays at its end: intended.
     if (channels == 1) {
         for (long l = 0; l < lines; ++l, line += stride) std::reverse(line, line + pixels);
     } else {

@@ -33,6 +33,11 @@ Bytes rawBytes(ImageData& image) {
     int n = image.GetRawDataSize();
     return n > 0 ? Bytes(image.GetRawDataPtr(), image.GetRawDataPtr() + n) : Bytes();
 }
+// An image of the given geometry holding `raw` as unprocessed bytes.
+void fill(ImageData& image, int width, int stride, TripletTypeEnum triplet, FlipEnum flip, const Bytes& raw) {
+    image.SetAttributes(width, 4, stride, triplet, flip, COMPRESSION_OFF_RAW, 0);
+    if (!raw.empty()) image.SetRawData(raw.data(), (int)raw.size());
+}
 Bytes allBytes(DataBuffer& buffer) {
     Bytes out((size_t)buffer.GetAllDataSize());
     if (!out.empty()) buffer.GetAllData(out.data(), (int)out.size());
@@ -240,8 +245,7 @@ TEST(RawDataHandlerTest, ChainHandlesWholeLinesAndKeepsTheRest) {
     RawDataHandler handler;
     handler.SetUp(&c);
     ImageData image;
-    image.SetAttributes(2, 3, 6, BGR, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
-    image.SetRawData(TWO_AND_HALF_LINES.data(), 15);
+    fill(image, 2, 6, BGR, FLIP_OFF, TWO_AND_HALF_LINES);
     EXPECT_EQ(1, handler.Perform(&image));
     EXPECT_EQ(12, image.GetProcessedDataSize());
     EXPECT_EQ(Bytes({0x03, 0x02, 0x01, 0x06, 0x05, 0x04, 0x13, 0x12, 0x11, 0x16, 0x15, 0x14, 0x21, 0x22, 0x23}),
@@ -262,8 +266,7 @@ TEST(RawDataHandlerTest, EmptyChainMarksEverythingAtOnce) {
     RawDataHandler handler;
     handler.SetUp(&c);
     ImageData image;
-    image.SetAttributes(2, 3, 6, BGR, FLIP_ON, COMPRESSION_OFF_RAW, 0);
-    image.SetRawData(TWO_AND_HALF_LINES.data(), 15);
+    fill(image, 2, 6, BGR, FLIP_ON, TWO_AND_HALF_LINES);
     EXPECT_EQ(1, handler.Perform(&image));
     EXPECT_EQ(15, image.GetProcessedDataSize());
     EXPECT_EQ(TWO_AND_HALF_LINES, allBytes(image));
@@ -287,8 +290,7 @@ class SideFlip : public ::testing::TestWithParam<LineCase> {};
 template <class M>
 void runLineCase(const LineCase& t) {
     ImageData image;
-    image.SetAttributes(t.width, 4, t.stride, t.triplet, t.flip, COMPRESSION_OFF_RAW, 0);
-    image.SetRawData(t.in.data(), (int)t.in.size());
+    fill(image, t.width, t.stride, t.triplet, t.flip, t.in);
     M m;
     EXPECT_EQ(t.result, m.Perform(&image, (int)t.in.size()));
     EXPECT_EQ(t.expected, rawBytes(image));
@@ -362,8 +364,7 @@ TEST_P(ColorCorrect, PixelsMappedThroughTheTable) {
     RawDataHandler handler;
     handler.SetUp(&c);
     ImageData image;
-    image.SetAttributes(t.width, 2, t.stride, t.triplet, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
-    image.SetRawData(t.in.data(), (int)t.in.size());
+    fill(image, t.width, t.stride, t.triplet, FLIP_OFF, t.in);
     LogCapture log;
     EXPECT_EQ(1, handler.Perform(&image));
     EXPECT_NE(std::string::npos, log.Stop().find("Scan Correct successful."));
@@ -405,8 +406,7 @@ TEST_P(ColorCorrectFails, ImagePassesUncorrected) {
     ASSERT_EQ(1, handler.GetManipulationCount());
     const Bytes line = {0x00, 0x10, 0x20, 0x30, 0x40, 0x50};
     ImageData image;
-    image.SetAttributes(2, 1, 6, RGB, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
-    image.SetRawData(line.data(), 6);
+    fill(image, 2, 6, RGB, FLIP_OFF, line);
     LogCapture log;
     EXPECT_EQ(1, handler.Perform(&image));
     EXPECT_NE(std::string::npos, log.Stop().find(t.logText));
@@ -439,9 +439,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(ColorCorrectDefault, DefaultLibraryAbsentMeansNoCorrection) {
     IMColorCorrect m;
     ImageData image;
-    image.SetAttributes(1, 1, 1, GRAY, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
     const Bytes px = {0x42};
-    image.SetRawData(px.data(), 1);
+    fill(image, 1, 1, GRAY, FLIP_OFF, px);
     EXPECT_EQ(0, m.Perform(&image, 1));
     EXPECT_EQ(px, rawBytes(image));
 }
@@ -490,7 +489,7 @@ class Interleave : public ::testing::TestWithParam<InterleaveCase> {};
 TEST_P(Interleave, RebuildsWholeLines) {
     const InterleaveCase& t = GetParam();
     ImageData image;
-    image.SetAttributes(t.width, 2, t.stride, t.channels == 3 ? RGB : GRAY, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
+    fill(image, t.width, t.stride, t.channels == 3 ? RGB : GRAY, FLIP_OFF, {});
     image.SetInterleaveInfo(t.width, 2, t.offsetX, 0, t.trim);
     ASSERT_EQ(1, image.GetInterleave());
     DataBuffer source;
@@ -511,7 +510,7 @@ TEST_P(Interleave, RebuildsWholeLines) {
     one.SetRawData(t.line.data(), (int)t.line.size());
     one.SetProcessedDataSize((int)t.line.size());
     ImageData single;
-    single.SetAttributes(t.width, 1, t.stride, t.channels == 3 ? RGB : GRAY, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
+    fill(single, t.width, t.stride, t.channels == 3 ? RGB : GRAY, FLIP_OFF, {});
     single.SetInterleaveInfo(t.width, 1, t.offsetX, 0, t.trim);
     handler.InterleaveLine(&one, &single);
     EXPECT_EQ(t.expected, allBytes(single));
@@ -546,7 +545,7 @@ TEST(InterleaveHandlerTest, ShortOrPlainSourcesAreMovedOrLeft) {
     source.SetProcessedDataSize(7);
 
     ImageData image;
-    image.SetAttributes(8, 1, 8, GRAY, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
+    fill(image, 8, 8, GRAY, FLIP_OFF, {});
     image.SetInterleaveInfo(8, 1, 0, 0, 0);
     EXPECT_EQ(-1, handler.DoInterleave(&source, &image));  // 7 processed < 8 per line
     EXPECT_EQ(0, image.GetAllDataSize());
@@ -555,7 +554,7 @@ TEST(InterleaveHandlerTest, ShortOrPlainSourcesAreMovedOrLeft) {
 
     // Not interleaved: every processed byte moves over as raw data; the raw rest stays.
     ImageData plain;
-    plain.SetAttributes(8, 1, 8, GRAY, FLIP_OFF, COMPRESSION_OFF_RAW, 0);
+    fill(plain, 8, 8, GRAY, FLIP_OFF, {});
     EXPECT_EQ(0, handler.DoInterleave(&source, &plain));
     EXPECT_EQ(Bytes({1, 2, 3, 4, 5, 6, 7}), allBytes(plain));
     EXPECT_EQ(0, plain.GetProcessedDataSize());
