@@ -181,6 +181,11 @@ private:
             fail("too many devices");
             return;
         }
+        for (const DeviceConfig& other : scn.devices)
+            if (other.szBus == w[1] && other.szFile == w[2]) {
+                fail("device " + w[1] + " " + w[2] + " declared twice");
+                return;
+            }
         DeviceConfig d;
         d.szBus = w[1];
         d.szFile = w[2];
