@@ -14,6 +14,7 @@
 #include "ICommand.h"
 #include "ImageData.h"
 #include "SaneConfReader.h"
+#include "Wicket.h"
 #include "util.h"
 
 namespace {
@@ -101,6 +102,8 @@ bool interfaceQualifies(const struct usb_device* dev, int i) {
         return false;
     }
 }
+
+unsigned roundUp8(unsigned v) { return (v + 7u) & ~7u; }
 
 }  // namespace
 
@@ -428,6 +431,11 @@ int IOComm::closeDevice() {
     }
     if (usb_close(usbHandle) != 0) {
         LOG_DEBUG(" -> unable to close device");
+        // libusb releases the handle whatever usb_close reports, so it is
+        // never used again.
+        usbDev = nullptr;
+        usbHandle = nullptr;
+        iOpen = 0;
         LOG_METHOD_END_INT(COMM_STATUS_CLOSE_FAILED);
         return COMM_STATUS_CLOSE_FAILED;
     }
@@ -883,8 +891,85 @@ int IOComm::readAndDecompressData() {
     }
 }
 
-int IOComm::usb_wicket_decompress(unsigned char*, unsigned int) {
-    // Band decoding arrives with the Wicket codec.
-    LOG_DEBUG("Wicket Error : %d", -1);
-    return 1;
+int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
+    LOG_METHOD_START();
+    int pixels = optionInt("PIXELS_PER_LINE");
+    int lines = optionInt("SCANHEIGHT");
+    int depth = optionInt("COLORDEPTH");
+    LOG_DEBUG("the colordepth %d", depth);
+    const bool colour = depth == 2;
+    const long bpp = colour ? 3 : 1;
+    if (pixels < 0) pixels = 0;
+    if (lines < 0) lines = 0;
+    const long rowBytes = (long)pixels * bpp;
+    const long roundedLines = (long)roundUp8((unsigned)lines);
+    const long imageBytes = (long)roundUp8((unsigned)pixels) * roundedLines * bpp;
+    if (imageBytes > MAX_IMAGE_BYTES) {
+        LOG_DEBUG("Wicket Error : %d", -1);
+        LOG_METHOD_END_INT(1);
+        return 1;
+    }
+    pDecompData.reset((unsigned char*)calloc(imageBytes > 0 ? (size_t)imageBytes : 1u, 1));
+    if (!pDecompData) {
+        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
+        return COMM_STATUS_INVALID_ARG;
+    }
+    pDecompDataPtr = pDecompData.get();
+    iDecompSize = rowBytes * lines;
+
+    Wicket wicket(1);
+    std::vector<unsigned char> band;
+    long outLine = 0;
+    unsigned int bandWidth = 0;
+    unsigned int pos = 0;
+    while (length - pos >= (unsigned int)BAND_HEADER_LEN && pos < length) {
+        const unsigned char* head = data + pos;
+        int bandSize = (int)readBE32(head, BAND_HEADER_LEN, 0);
+        if (bandSize < 1) {
+            LOG_DEBUG("BandSize <= 0!");
+            break;
+        }
+        unsigned int bandLines = readBE32(head, BAND_HEADER_LEN, BAND_LINES_OFFSET);
+        bandWidth = readBE32(head, BAND_HEADER_LEN, BAND_WIDTH_OFFSET);
+        int quality = (int)readBE32(head, BAND_HEADER_LEN, BAND_QUALITY_OFFSET);
+        // A band claiming more bytes than were collected gets only those.
+        unsigned int available = length - pos;
+        unsigned int bandBytes = (unsigned int)bandSize < available ? (unsigned int)bandSize : available;
+        int codedLen = bandBytes > (unsigned int)BAND_HEADER_LEN ? (int)(bandBytes - BAND_HEADER_LEN) : 0;
+
+        wicket.QualityFactor(quality);
+        long paddedWidth = (long)roundUp8(bandWidth);
+        long paddedLines = (long)roundUp8(bandLines);
+        if (bandWidth > (1u << 24) || bandLines > (1u << 24) || paddedWidth * paddedLines * bpp > MAX_BAND_BYTES) {
+            LOG_DEBUG("Wicket Error : %d", -1);
+            LOG_METHOD_END_INT(1);
+            return 1;
+        }
+        band.assign((size_t)(paddedWidth * paddedLines * bpp), 0);
+        int produced = 0;
+        int consumed = 0;
+        const unsigned char* coded = data + pos + BAND_HEADER_LEN;
+        long bandLen = (long)band.size();
+        int err = colour ? wicket.DecompressThreePlanes(coded, codedLen, band.data(), bandLen, (int)paddedWidth,
+                                                        (int)paddedLines, &produced, &consumed)
+                         : wicket.DecompressOnePlane(coded, codedLen, band.data(), bandLen, (int)paddedWidth,
+                                                     (int)paddedLines, &produced, &consumed);
+        if (err != 0) {
+            LOG_DEBUG("Wicket Error : %d", err);
+            LOG_METHOD_END_INT(1);
+            return 1;
+        }
+        // Each band line goes to the next line of the image; a band narrower
+        // than the image leaves the rest of the line blank.
+        long copyBytes = rowBytes < paddedWidth * bpp ? rowBytes : paddedWidth * bpp;
+        for (unsigned int l = 0; l < bandLines && outLine < roundedLines; ++l, ++outLine)
+            memcpy(pDecompData.get() + outLine * rowBytes, band.data() + (long)l * paddedWidth * bpp, (size_t)copyBytes);
+        pos += bandBytes;
+    }
+    LOG_DEBUG("----INFO from WICKET START----");
+    LOG_DEBUG("Width = %d, Height = %d", (int)bandWidth, (int)outLine);
+    LOG_DEBUG("Total decompressed data size = %d", (int)iDecompSize);
+    LOG_DEBUG("----INFO from WICKET END----");
+    LOG_METHOD_END_INT(0);
+    return 0;
 }

@@ -1,0 +1,999 @@
+// The USB transport and the device list against the in-process simulated
+// scanner: enumeration, open/claim/close statuses, re-plug, the command
+// exchange with its exact bytes, and the scan data stream.
+#include <dlfcn.h>
+#include <errno.h>
+#include <signal.h>
+#include <usb.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CResponse.h"
+#include "ConfigReader.h"
+#include "DataBuffer.h"
+#include "Device.h"
+#include "ICommand.h"
+#include "IOComm.h"
+#include "ImageData.h"
+#include "NetComm.h"
+#include "SaneConfReader.h"
+#include "testutil.h"
+#include "usbsim.h"
+
+using Bytes = std::vector<unsigned char>;
+
+// ----------------------------------------------------------------------------
+// Faults the simulator cannot produce (a failing usb_close, a claim refused
+// with something other than busy) and a look at the signal mask during a bulk
+// write: these libusb calls are wrapped here and pass through unless armed.
+namespace {
+int g_closeResult = 0;   // non-zero: usb_close closes, then reports this
+int g_claimResult = 0;   // non-zero: usb_claim_interface reports this
+bool g_writeSawAllBlocked = false;
+int g_writesSeen = 0;
+
+template <typename F>
+F realFunction(const char* name) {
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+}  // namespace
+
+extern "C" int usb_close(usb_dev_handle* h) {
+    static auto real = realFunction<int (*)(usb_dev_handle*)>("usb_close");
+    int rc = real(h);
+    return g_closeResult != 0 ? g_closeResult : rc;
+}
+
+extern "C" int usb_claim_interface(usb_dev_handle* h, int iface) {
+    static auto real = realFunction<int (*)(usb_dev_handle*, int)>("usb_claim_interface");
+    return g_claimResult != 0 ? g_claimResult : real(h, iface);
+}
+
+extern "C" int usb_bulk_write(usb_dev_handle* h, int ep, const char* bytes, int size, int timeout) {
+    static auto real = realFunction<int (*)(usb_dev_handle*, int, const char*, int, int)>("usb_bulk_write");
+    sigset_t now;
+    pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    g_writeSawAllBlocked = sigismember(&now, SIGINT) == 1 && sigismember(&now, SIGTERM) == 1 &&
+                           sigismember(&now, SIGALRM) == 1 && sigismember(&now, SIGUSR1) == 1;
+    ++g_writesSeen;
+    return real(h, ep, bytes, size, timeout);
+}
+
+namespace {
+
+const int VID = 0x2f4a;
+
+// One Tarvesk device on bus 001 as file 004, vendor-class interface 0 with
+// bulk endpoints 0x81/0x02, plus the extra scenario lines.
+std::string oneDevice(int version, const std::string& extra = "") {
+    return "bus 001\n"
+           "device 001 004 vid=0x2f4a pid=0x0500 class=0\n"
+           "interface class=255 ep=0x81,0x02\n"
+           "manufacturer Tarvesk\n"
+           "product Quarto 5100\n"
+           "version " +
+           std::to_string(version) + "\n" + extra;
+}
+
+char kName[] = "Tarvesk/Quarto 5100/libusb:001:004";
+
+class UsbTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_closeResult = 0;
+        g_claimResult = 0;
+        g_writesSeen = 0;
+    }
+    void TearDown() override {
+        comm.reset();
+        g_closeResult = 0;
+        g_claimResult = 0;
+        usbsim_reset();
+    }
+
+    void load(const std::string& scenario) { ASSERT_EQ(0, usbsim_load_text(scenario.c_str())); }
+
+    // Loads the scenario and makes a transport for the device 001/004.
+    IOComm* make(const std::string& scenario) {
+        load(scenario);
+        comm.reset(new IOComm());
+        comm->setDevice(kName);
+        comm->setConfigReader(&store);
+        return comm.get();
+    }
+
+    // A command object of the given version over the test's option store.
+    ICommand* command(int version) {
+        cmd.reset(ICommand::createCmdInstance(version, 1, 0));
+        cmd->setConfigReader(&store);
+        cmd->setNpa(0);
+        comm->setCommand(cmd.get());
+        return cmd.get();
+    }
+
+    std::string events() { return usbsim_events(); }
+    bool hasEvent(const std::string& e) { return events().find(e) != std::string::npos; }
+    int countEvents(const std::string& e) {
+        std::string ev = events();
+        int n = 0;
+        for (size_t p = ev.find(e); p != std::string::npos; p = ev.find(e, p + 1)) ++n;
+        return n;
+    }
+
+    Bytes write(int index) {
+        Bytes b(256);
+        int n = usbsim_get_write(0, index, b.data(), (int)b.size());
+        b.resize(n > 0 ? (size_t)n : 0);
+        return b;
+    }
+
+    void inject(const Bytes& b) { ASSERT_EQ(0, usbsim_inject(0, b.data(), (int)b.size())); }
+
+    ConfigReader store;
+    std::unique_ptr<ICommand> cmd;
+    std::unique_ptr<IOComm> comm;
+};
+
+std::vector<std::string> takeNames(char** list, int count) {
+    std::vector<std::string> v;
+    for (int i = 0; i < count; ++i) {
+        v.push_back(list[i]);
+        free(list[i]);
+    }
+    free(list);
+    return v;
+}
+
+// ---------------------------------------------------------------- enumeration
+
+TEST_F(UsbTest, EnumerationNamesQualifyingInterfacesInBusOrder) {
+    load("bus 001\nbus 002\n"
+         // renamed vendor, vendor-class device: listed once
+         "device 002 007 vid=0x2f4a pid=0x0402 class=0\ninterface class=255\n"
+         "manufacturer Tarvesk International\nproduct Quarto 4200\n"
+         // two qualifying interfaces (class 16 and class 0): listed twice
+         "device 001 003 vid=0x2f4a pid=0x0500 class=0\ninterface class=16\ninterface class=0\n"
+         "manufacturer Tarvesk\nproduct Quarto 5100\n"
+         // identifiers not in the configuration: skipped
+         "device 001 004 vid=0x1234 pid=0x0500 class=0\ninterface class=255\n"
+         // a printer interface does not qualify, the second does; no strings at all
+         "device 001 005 vid=0x2f4a pid=0x0401 class=0\ninterface class=7\ninterface class=255\n"
+         // an interface without alternate settings does not qualify
+         "device 001 009 vid=0x2f4a pid=0x0500 class=0\ninterface class=255 alts=0\n"
+         // a hub-class device never qualifies
+         "device 001 006 vid=0x2f4a pid=0x0326 class=9\ninterface class=255\n"
+         // vendor device class: every interface qualifies; string indices without strings
+         "device 002 008 vid=0x2f4a pid=0x0326 class=255\ninterface class=7\nimanufacturer 5\niproduct 6\n"
+         // cannot be opened: strings unreadable
+         "device 002 010 vid=0x2f4a pid=0x0401 class=0\ninterface class=255\nmanufacturer Tarvesk\n"
+         "product Quarto 4010\nfault open_fail 1\n");
+    SaneConfReader conf;
+    conf.Add(VID, 0x0500, "a.conf", "Quarto 5100");
+    conf.Add(VID, 0x0402, "b.conf", "Quarto 4200");
+    conf.Add(VID, 0x0401, "c.conf", "Quarto 4010");
+    conf.Add(VID, 0x0326, "d.conf", "Quarto 3260");
+    IOComm comm;
+    char** list = nullptr;
+    int count = -1;
+    ASSERT_EQ(0, comm.getScanners(&list, &count, &conf));
+    std::vector<std::string> expected = {
+        "Tarvesk/Quarto 5100/libusb:001:003", "Tarvesk/Quarto 5100/libusb:001:003", "//libusb:001:005",
+        "Tarvesk/Quarto 4200/libusb:002:007", "Unknown Vendor/Unknown Scanner/libusb:002:008",
+        "Unknown Vendor/Unknown Scanner/libusb:002:010"};
+    EXPECT_EQ(expected, takeNames(list, count));
+}
+
+TEST_F(UsbTest, EnumerationWithNothingKnownIsAnEmptySuccess) {
+    load(oneDevice(500));
+    SaneConfReader conf;  // knows no device
+    IOComm comm;
+    char** list = nullptr;
+    int count = -1;
+    ASSERT_EQ(0, comm.getScanners(&list, &count, &conf));
+    EXPECT_EQ(0, count);
+    free(list);
+}
+
+// ------------------------------------------------------------- device factory
+
+struct FactoryCase {
+    const char* name;
+    int local;
+};
+class FactoryChoice : public ::testing::TestWithParam<FactoryCase> {};
+
+TEST_P(FactoryChoice, LibusbNamesGetTheUsbTransport) {
+    std::unique_ptr<ICommunication> c(Device::CreateInstance(GetParam().name, nullptr));
+    ASSERT_NE(nullptr, c);
+    EXPECT_EQ(GetParam().local, c->isLocal());
+    EXPECT_EQ(GetParam().local, Device::isUSB(GetParam().name));
+    usbsim_reset();
+}
+INSTANTIATE_TEST_SUITE_P(Names, FactoryChoice,
+                         ::testing::Values(FactoryCase{"Tarvesk/Quarto 5100/libusb:001:004", 1},
+                                           FactoryCase{"libusb:002:009", 1}, FactoryCase{"192.168.1.20", 0},
+                                           FactoryCase{"Tarvesk/Q/libnet:A1B2C3D4E5F6/10.0.0.2", 0},
+                                           FactoryCase{nullptr, 0}));
+
+struct ListCase {
+    const char* order;
+    const char* usbFlag;
+    const char* netFlag;
+    int expected;  // devices listed (the scenario has two)
+};
+class DeviceList : public ::testing::TestWithParam<ListCase> {};
+
+TEST_P(DeviceList, OrderModeAndFlagsDecideWhatIsGathered) {
+    const ListCase& c = GetParam();
+    ASSERT_EQ(0, usbsim_load_text(("bus 001\ndevice 001 002 vid=0x2f4a pid=0x0500\nmanufacturer Tarvesk\n"
+                                   "product A\ndevice 001 003 vid=0x2f4a pid=0x0326\nmanufacturer Tarvesk\n"
+                                   "product B\n")));
+    qt::TempDir dir;
+    std::string text = "usb 0x2f4a 0x0500 /x/a.conf A\nusb 0x2f4a 0x0326 /x/b.conf B\n";
+    if (c.order) text += std::string("DEVICE_LIST_ORDER_MODE=") + c.order + "\n";
+    if (c.usbFlag) text += std::string("DISCOVER_USB_FLAG=") + c.usbFlag + "\n";
+    if (c.netFlag) text += std::string("DISCOVER_NET_FLAG=") + c.netFlag + "\n";
+    qt::writeFile(dir.file("quarto.conf"), text);
+    SaneConfReader conf;
+    ASSERT_EQ(1, conf.LoadConf(dir.file("quarto.conf").c_str()));
+    char** list = reinterpret_cast<char**>(1);
+    int count = -7;
+    ASSERT_EQ(0, Device::getScanners(&list, &count, &conf));
+    ASSERT_EQ(c.expected, count);
+    if (c.expected == 0) {
+        EXPECT_EQ(nullptr, list);
+    }
+    std::vector<std::string> names = takeNames(count > 0 ? list : nullptr, count);
+    if (c.expected == 2) {
+        EXPECT_EQ((std::vector<std::string>{"Tarvesk/A/libusb:001:002", "Tarvesk/B/libusb:001:003"}), names);
+    }
+    usbsim_reset();
+}
+INSTANTIATE_TEST_SUITE_P(Modes, DeviceList,
+                         ::testing::Values(ListCase{"0", "1", "1", 2}, ListCase{"1", "1", "1", 2},
+                                           ListCase{"1", "1", "0", 2}, ListCase{"2", "1", "1", 0},
+                                           ListCase{"", "1", "1", 0}, ListCase{nullptr, "1", "0", 0},
+                                           ListCase{"0", "0", "1", 0}, ListCase{"0", "0", "0", 0},
+                                           ListCase{"0", nullptr, "0", 0}, ListCase{"0", "yes", "0", 0}));
+
+TEST_F(UsbTest, OneTransportTypeAndUnknownTypes) {
+    load("bus 001\ndevice 001 002 vid=0x2f4a pid=0x0500\n");
+    SaneConfReader conf;
+    qt::TempDir dir;
+    qt::writeFile(dir.file("q.conf"), "usb 0x2f4a 0x0500 /x/a.conf A\nDISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=1\n");
+    ASSERT_EQ(1, conf.LoadConf(dir.file("q.conf").c_str()));
+    char** list = nullptr;
+    int count = 0;
+    EXPECT_EQ(0, Device::getScanners(&list, &count, &conf, 2));
+    EXPECT_EQ(1, count);
+    takeNames(list, count);
+    EXPECT_EQ(0, Device::getScanners(&list, &count, &conf, 1));  // the network finds nothing
+    EXPECT_EQ(0, count);
+    count = 42;
+    EXPECT_EQ(1, Device::getScanners(&list, &count, &conf, 7));
+    EXPECT_EQ(42, count);
+    // The per-transport form appends to what the list holds.
+    list = nullptr;
+    count = 0;
+    EXPECT_EQ(1, Device::getScanners(&list, &count, &conf, 2, "DISCOVER_USB_FLAG"));
+    EXPECT_EQ(1, Device::getScanners(&list, &count, &conf, 2, "DISCOVER_USB_FLAG"));
+    EXPECT_EQ(2, count);
+    EXPECT_EQ(-1, Device::getScanners(&list, &count, &conf, 5, "DISCOVER_USB_FLAG"));
+    EXPECT_EQ(2, count);
+    takeNames(list, count);
+}
+
+TEST(NetCommTest, DiscoveryFindsNothingAndTheAddressIsKept) {
+    NetComm net;
+    char** list = reinterpret_cast<char**>(1);
+    int count = 3;
+    EXPECT_EQ(0, net.getScanners(&list, &count, nullptr));
+    EXPECT_EQ(nullptr, list);
+    EXPECT_EQ(0, count);
+    EXPECT_EQ(0, net.isLocal());
+    EXPECT_EQ(2, net.setDevice(nullptr));
+    char name[] = "libnet/SPECIFY_DEVICE";
+    EXPECT_EQ(0, net.setDevice(name));
+    EXPECT_EQ(std::string(name), net.getDeviceName());
+    EXPECT_EQ(0, net.setIPAddress("10.1.2.3"));
+    EXPECT_STREQ("10.1.2.3", net.getIPAddress());
+    std::string longText(100, '9');
+    EXPECT_EQ(0, net.setIPAddress(longText.c_str()));
+    EXPECT_EQ(31u, strlen(net.getIPAddress()));
+    EXPECT_EQ(2, net.setCommand(nullptr));
+    int n = 5;
+    DataBuffer buf;
+    EXPECT_EQ(1, net.ReadImage(&n, &buf, nullptr));
+    EXPECT_NE(0, net.openDevice());
+}
+
+// ---------------------------------------------------------------- open/close
+
+TEST_F(UsbTest, SetDeviceSplitsBusAndDevice) {
+    make(oneDevice(500));
+    char other[] = "V/P/libusb:003:017";
+    EXPECT_EQ(0, comm->setDevice(other));
+    EXPECT_STREQ("003", comm->getBus());
+    EXPECT_STREQ("017", comm->getDev());
+    EXPECT_EQ(2, comm->setDevice(nullptr));
+}
+
+TEST_F(UsbTest, OpenClaimsTheFirstQualifyingInterfaceAndWritesToItsEndpoint) {
+    make("bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500 class=0\n"
+         "interface class=7 ep=0x81,0x02\ninterface class=255 ep=0x83,0x04\nconfig 3\n");
+    ASSERT_EQ(0, comm->openDevice());
+    EXPECT_EQ(VID, comm->getVid());
+    EXPECT_EQ(0x0500, comm->getPid());
+    EXPECT_TRUE(hasEvent("setconfig dev=0 value=3 rc=0")) << events();
+    EXPECT_TRUE(hasEvent("claim dev=0 iface=1 rc=0")) << events();
+    unsigned char b[2] = {1, 2};
+    ASSERT_EQ(0, comm->Write(b, 2));
+    EXPECT_EQ(0x04, usbsim_write_endpoint(0, 0));
+    EXPECT_EQ(0, comm->openDevice()) << "an open device opens again with 0";
+    EXPECT_EQ(0, comm->closeDevice());
+    EXPECT_TRUE(hasEvent("release dev=0 iface=1 rc=0")) << events();
+    EXPECT_EQ(0, comm->closeDevice()) << "closing a closed device is 0";
+}
+
+TEST_F(UsbTest, WriteBlocksEverySignalAndRestoresTheMask) {
+    make(oneDevice(500));
+    sigset_t before;
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    unsigned char b[3] = {7, 8, 9};
+    ASSERT_EQ(0, comm->Write(b, 3));
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    EXPECT_EQ(1, g_writesSeen);
+    EXPECT_TRUE(g_writeSawAllBlocked);
+    EXPECT_EQ(sigismember(&before, SIGINT), sigismember(&after, SIGINT));
+    EXPECT_EQ(0, sigismember(&after, SIGUSR1));
+    EXPECT_EQ((Bytes{7, 8, 9}), write(0));
+}
+
+struct OpenCase {
+    const char* label;
+    std::string extra;  // scenario lines
+    int expected;
+    bool closed;        // the device ends closed (a read reports 4)
+    int detaches;       // detach attempts expected
+};
+class OpenStatus : public UsbTest, public ::testing::WithParamInterface<OpenCase> {};
+
+TEST_P(OpenStatus, OpenReportsEachFailure) {
+    const OpenCase& c = GetParam();
+    make(oneDevice(500, c.extra));
+    EXPECT_EQ(c.expected, comm->openDevice()) << events();
+    unsigned char buf[16];
+    int len = sizeof(buf);
+    if (c.closed)
+        EXPECT_EQ(4, comm->Read(buf, &len));
+    else
+        EXPECT_NE(4, comm->Read(buf, &len));
+    EXPECT_EQ(c.detaches, countEvents("detach dev=0")) << events();
+}
+INSTANTIATE_TEST_SUITE_P(
+    Faults, OpenStatus,
+    ::testing::Values(OpenCase{"open_fails", "fault open_fail 1\n", 8, true, 0},
+                      OpenCase{"eperm_closes", "fault setconfig_eperm 1\n", 9, true, 0},
+                      OpenCase{"driver_detached_once", "fault busy 1\n", 0, false, 1},
+                      OpenCase{"claim_busy_after_detach", "fault busy 3\n", 10, true, 1},
+                      OpenCase{"detach_refused_stays_open", "fault busy 2\n", -EPERM, false, 1}),
+    [](const ::testing::TestParamInfo<OpenCase>& i) { return std::string(i.param.label); });
+
+TEST_F(UsbTest, SetConfigurationEpermClosesTheHandle) {
+    make(oneDevice(500, "fault setconfig_eperm 1\n"));
+    EXPECT_EQ(9, comm->openDevice());
+    EXPECT_TRUE(hasEvent("close dev=0")) << events();
+}
+
+TEST_F(UsbTest, ClaimRefusedForAnotherReasonIsPassedOnAndTheDeviceStaysOpen) {
+    make(oneDevice(500));
+    g_claimResult = -EACCES;
+    EXPECT_EQ(-EACCES, comm->openDevice());
+    EXPECT_FALSE(hasEvent("detach")) << events();
+    g_claimResult = 0;
+    unsigned char buf[8];
+    int len = sizeof(buf);
+    EXPECT_EQ(15, comm->Read(buf, &len)) << "still open: the read reaches the bus";
+}
+
+TEST_F(UsbTest, MissingDeviceAndClosedDevice) {
+    make(oneDevice(500));
+    char gone[] = "Tarvesk/Quarto 5100/libusb:001:099";
+    comm->setDevice(gone);
+    EXPECT_EQ(7, comm->openDevice());
+    unsigned char b[4] = {1, 2, 3, 4};
+    EXPECT_EQ(4, comm->Write(b, 4));
+    EXPECT_EQ(0, usbsim_write_count(0)) << "nothing reaches the bus";
+    int len = 4;
+    EXPECT_EQ(4, comm->Read(b, &len));
+}
+
+TEST_F(UsbTest, EndpointsMissingForOneDirection) {
+    make("bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500\ninterface class=255 ep=0x81\n");
+    unsigned char b[4] = {0};
+    EXPECT_EQ(6, comm->Write(b, 4));
+    comm.reset();
+    usbsim_reset();
+    make("bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500\ninterface class=255 ep=0x02\n");
+    ASSERT_EQ(0, comm->openDevice());
+    int len = 4;
+    EXPECT_EQ(6, comm->Read(b, &len));
+}
+
+TEST_F(UsbTest, BulkFailures) {
+    make(oneDevice(500, "fault write_fail 0\nfault read_timeout 0\n"));
+    unsigned char b[8] = {1};
+    EXPECT_EQ(14, comm->Write(b, 8));
+    int len = 8;
+    EXPECT_EQ(15, comm->Read(b, &len));
+    EXPECT_EQ(0, len);
+    command(500);
+    EXPECT_EQ(14, comm->writeCommand(1, nullptr));
+}
+
+TEST_F(UsbTest, CloseFailures) {
+    make(oneDevice(500));
+    ASSERT_EQ(0, comm->openDevice());
+    g_closeResult = -EIO;
+    EXPECT_EQ(12, comm->closeDevice());
+    g_closeResult = 0;
+    // The handle is gone even so: the next open opens afresh.
+    ASSERT_EQ(0, comm->openDevice());
+    EXPECT_EQ(2, countEvents("open dev=0")) << events();
+    ASSERT_EQ(0, usbsim_unplug(0));
+    EXPECT_EQ(13, comm->closeDevice());
+}
+
+TEST_F(UsbTest, ResetFlagResetsTheDeviceOnClose) {
+    make(oneDevice(500));
+    ASSERT_EQ(0, comm->openDevice());
+    ASSERT_EQ(0, comm->closeDevice());
+    EXPECT_FALSE(hasEvent("reset dev=0"));
+    store.SetIntOption("USB_RESET_FLAG", 1);
+    ASSERT_EQ(0, comm->openDevice());
+    ASSERT_EQ(0, comm->closeDevice());
+    EXPECT_TRUE(hasEvent("reset dev=0 rc=0")) << events();
+}
+
+TEST_F(UsbTest, ReplugAdoptsTheNewNumbersAndAGoneDeviceIsNotPresent) {
+    make(oneDevice(500));
+    ASSERT_EQ(0, comm->openDevice());
+    ASSERT_EQ(0, comm->closeDevice());
+    ASSERT_EQ(0, usbsim_replug(0, "003", "011"));
+    ASSERT_EQ(0, comm->openDevice());
+    EXPECT_STREQ("003", comm->getBus());
+    EXPECT_STREQ("011", comm->getDev());
+    EXPECT_TRUE(hasEvent("open dev=0 bus=003 file=011")) << events();
+    ASSERT_EQ(0, comm->closeDevice());
+    ASSERT_EQ(0, usbsim_unplug(0));
+    EXPECT_EQ(7, comm->openDevice());
+}
+
+// ----------------------------------------------------------- command exchange
+
+struct ReplyCase {
+    const char* fault;
+    int value;
+    int expected;  // writeCommand's result for a status request (id 1)
+    int leftQueued;
+};
+class ReplyRetries : public UsbTest, public ::testing::WithParamInterface<ReplyCase> {};
+
+TEST_P(ReplyRetries, ReadsAtMostThreeRepliesForTheExpectedId) {
+    const ReplyCase& c = GetParam();
+    make(oneDevice(500, std::string("fault ") + c.fault + " " + std::to_string(c.value) + "\n"));
+    command(500);
+    CResponse reply;
+    EXPECT_EQ(c.expected, comm->writeCommand(1, &reply));
+    EXPECT_EQ(c.leftQueued, usbsim_queued(0));
+    EXPECT_EQ((Bytes{0x1B, 0x53, 0x04, 0x00, 0x00, 0x00, 0x80, 0x00}), write(0));
+}
+INSTANTIATE_TEST_SUITE_P(Faults, ReplyRetries,
+                         ::testing::Values(ReplyCase{"wrong_code", 0, 1, 0}, ReplyCase{"wrong_code", 2, 1, 0},
+                                           // a status request answered with the unlock code (kind 5)
+                                           ReplyCase{"wrong_code", 3, 5, 1}, ReplyCase{"wrong_code", 4, 5, 2},
+                                           ReplyCase{"short_reply", 5, 15, 0}, ReplyCase{"read_timeout", 0, 15, 1}),
+                         [](const ::testing::TestParamInfo<ReplyCase>& i) {
+                             return std::string(i.param.fault) + "_" + std::to_string(i.param.value);
+                         });
+
+TEST_F(UsbTest, CommandWithoutObjectOrWithoutBytes) {
+    make(oneDevice(326));
+    EXPECT_EQ(2, comm->writeCommand(1, nullptr));
+    command(326);
+    EXPECT_EQ(5, comm->writeCommand(99, nullptr));
+    EXPECT_EQ(0, usbsim_write_count(0));
+}
+
+TEST_F(UsbTest, CancelIsSentWithoutWaitingAndPropertiesFillTheReply) {
+    make(oneDevice(402, "props major=5 support=3\nsource type=1 width=10200 height=14040\nres 300 300 3\n"));
+    command(402);
+    EXPECT_EQ(0, comm->writeCommand(0, nullptr));
+    EXPECT_EQ((Bytes{0x1B, 0x53, 0x0F, 0x00, 0x00, 0x00, 0x00, 0x00}), write(0));
+    CResponse reply;
+    EXPECT_EQ(2, comm->writeCommand(2, &reply));
+    EXPECT_EQ((Bytes{0x1B, 0x53, 0x03, 0x00, 0x00, 0x00, 0x80, 0x00}), write(1));
+    ASSERT_NE(nullptr, reply.getProperties());
+    EXPECT_EQ(5, reply.getProperties()->getMajor());
+}
+
+// The scan request of each command version, from the wire tables, with
+// colour 2 (code 3), 258 pixels, 772 lines, offsets 16/32, 300 dpi, flatbed.
+struct WireCase {
+    int version;
+    int id;
+    int reply;
+    Bytes bytes;
+};
+class WireBytes : public UsbTest, public ::testing::WithParamInterface<WireCase> {};
+
+TEST_P(WireBytes, ScanRequestBytesAsRecorded) {
+    const WireCase& c = GetParam();
+    make(oneDevice(c.version));
+    store.SetIntOption("CONNECTION", 1);
+    store.SetIntOption("COLORDEPTH", c.version == 402 ? 1 : 2);
+    store.SetIntOption("PIXELS_PER_LINE", 258);
+    store.SetIntOption("LINES", 772);
+    store.SetIntOption("SCANOFFSETX", 16);
+    store.SetIntOption("SCANOFFSETY", 32);
+    store.SetIntOption("CURRENTDPI", 300);
+    store.SetIntOption("CONTENTTYPE", 0);
+    store.SetIntOption("SCAN_SOURCE", 0);
+    store.SetIntOption("MIRRORIMAGE", 1);
+    store.SetIntOption("NEGATIVEIMAGE", 1);
+    store.SetIntOption("COLORDROPOUT", 2);
+    store.SetIntOption("COLORDROPOUTTHRESHOLD", 40);
+    store.SetIntOption("BKGREMOVAL", 2);
+    store.SetIntOption("BRIGHTNESS", 5);
+    store.SetIntOption("CONTRAST", 2);
+    store.SetIntOption("DOCUMENTSOURCE", 3);
+    command(c.version);
+    EXPECT_EQ(c.reply, comm->writeCommand(c.id, nullptr));
+    ASSERT_EQ(1, usbsim_write_count(0));
+    EXPECT_EQ(c.bytes, write(0));
+}
+const Bytes SETTINGS_RGB = {0x03, 0x00, 0x00, 0x01, 0x02, 0x01, 0x00, 0x00, 0x04, 0x03, 0x00, 0x00,
+                            0x10, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00, 0x2C, 0x01, 0x2C, 0x01};
+Bytes join(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+INSTANTIATE_TEST_SUITE_P(
+    Versions, WireBytes,
+    ::testing::Values(
+        WireCase{326, 4, 4, join({{0x1B, 0x53, 0x01, 0x00, 0x18, 0x00, 0x80, 0x00}, SETTINGS_RGB})},
+        WireCase{326, 2, 2, {0x1B, 0x53, 0x03, 0x00, 0x00, 0x00, 0x80, 0x00}},
+        WireCase{401, 4, 4, join({{0x1B, 0x53, 0x01, 0x00, 0x1A, 0x00, 0x80, 0x00}, SETTINGS_RGB, {0x01, 0x00}})},
+        WireCase{401, 3, 3, join({{0x1B, 0x53, 0x05, 0x00, 0x1A, 0x00, 0x80, 0x00}, SETTINGS_RGB, {0x01, 0x00}})},
+        // grey (code 2), mirror 3, negative 1, dropout on channel 2 at 40, background removal 2
+        WireCase{402, 4, 4,
+                 join({{0x1B, 0x53, 0x01, 0x00, 0x23, 0x00, 0x80, 0x00, 0x02},
+                       Bytes(SETTINGS_RGB.begin() + 1, SETTINGS_RGB.end()),
+                       {0x01, 0x00, 0x03, 0x01, 0x01, 0x00, 0x28, 0x00, 0x28, 0x01, 0x02}})},
+        WireCase{500, 3, 3,
+                 join({{0x1B, 0x53, 0x05, 0x00, 0x2F, 0x00, 0x80, 0x00},
+                       SETTINGS_RGB,
+                       // source 1; duplex, mirror, negative, dropout x5: 0; background removal 1/2;
+                       // edits, descreen 0; brightness 5+4, contrast 2, document source 3 -> 8,
+                       // sharpen 3; temperature, saturation, balance x4: 0
+                       {0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x02, 0x00, 0x00, 0x09,
+                        0x02, 0x08, 0x03, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}})},
+        WireCase{500, 6, 6, {0x1B, 0x44, 0x04, 0x00, 0x00, 0x00, 0x80, 0x00}}),
+    [](const ::testing::TestParamInfo<WireCase>& i) {
+        return "v" + std::to_string(i.param.version) + "_id" + std::to_string(i.param.id);
+    });
+
+// ------------------------------------------------------------ exact fetches
+
+TEST_F(UsbTest, FetchDataKeepsTheSurplusAndRereadsItsStart) {
+    make(oneDevice(326));
+    command(326);
+    ASSERT_EQ(0, comm->openDevice());
+    inject({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+    inject({10, 11, 12, 13, 14, 15});
+    Bytes out(8, 0xFF);
+    ASSERT_EQ(0, comm->fetchData(4, out.data()));
+    EXPECT_EQ((Bytes{0, 1, 2, 3}), Bytes(out.begin(), out.begin() + 4));
+    ASSERT_EQ(0, comm->fetchData(3, out.data()));
+    EXPECT_EQ((Bytes{4, 5, 6}), Bytes(out.begin(), out.begin() + 3));
+    // Three surplus bytes are left; they are taken from the start of the
+    // surplus again (deliberately), then the next chunk follows.
+    ASSERT_EQ(0, comm->fetchData(5, out.data()));
+    EXPECT_EQ((Bytes{4, 5, 6, 10, 11}), Bytes(out.begin(), out.begin() + 5));
+    ASSERT_EQ(0, comm->fetchData(4, out.data()));
+    EXPECT_EQ((Bytes{12, 13, 14, 15}), Bytes(out.begin(), out.begin() + 4));
+    EXPECT_EQ(15, comm->fetchData(1, out.data()));
+}
+
+TEST_F(UsbTest, FetchMessageAcrossChunkBoundaries) {
+    make(oneDevice(326));
+    command(326);
+    ASSERT_EQ(0, comm->openDevice());
+    inject({0x1B, 0x53, 0x02, 0x00, 0x03});
+    inject({0x00, 0x80, 0x00, 0xAA});
+    inject({0xBB, 0xCC, 0x1B, 0x53, 0x02, 0x00, 0x00, 0x00, 0x80, 0x00});
+    unsigned char* msg = nullptr;
+    unsigned int len = 0;
+    ASSERT_EQ(0, comm->fetchMessage(&msg, &len));
+    EXPECT_EQ((Bytes{0x1B, 0x53, 0x02, 0x00, 0x03, 0x00, 0x80, 0x00, 0xAA, 0xBB, 0xCC}), Bytes(msg, msg + len));
+    free(msg);
+    ASSERT_EQ(0, comm->fetchMessage(&msg, &len));
+    EXPECT_EQ((Bytes{0x1B, 0x53, 0x02, 0x00, 0x00, 0x00, 0x80, 0x00}), Bytes(msg, msg + len));
+    free(msg);
+    inject({0x1B, 0x53, 0x02, 0x00, 0x05, 0x00, 0x80, 0x00, 0x01});
+    EXPECT_EQ(15, comm->fetchMessage(&msg, &len)) << "the data part never completes";
+    EXPECT_EQ(nullptr, msg);
+}
+
+// ------------------------------------------------------------ scan data stream
+
+// Transfers in, expected result and image bytes out (Cmd326: 9-byte headers,
+// length field = payload + 1).
+struct StreamCase {
+    const char* label;
+    std::vector<Bytes> transfers;
+    std::vector<int> results;  // one per ReadImage call
+    Bytes image;
+};
+class ReadStream : public UsbTest, public ::testing::WithParamInterface<StreamCase> {};
+
+TEST_P(ReadStream, ReadImageStripsHeadersAndReturnsRecordCodes) {
+    const StreamCase& c = GetParam();
+    make(oneDevice(326));
+    command(326);
+    ASSERT_EQ(0, comm->openDevice());
+    for (const Bytes& t : c.transfers) inject(t);
+    DataBuffer out;
+    ImageData image;
+    int total = 0;
+    for (size_t i = 0; i < c.results.size(); ++i) {
+        int n = -1;
+        EXPECT_EQ(c.results[i], comm->ReadImage(&n, &out, &image)) << "call " << i;
+        if (c.results[i] == 0) total += n;
+    }
+    Bytes got(out.GetRawDataSize());
+    out.SetProcessedDataSize(out.GetRawDataSize());
+    out.GetProcessedData(got.data(), (int)got.size());
+    EXPECT_EQ(c.image, got);
+    EXPECT_EQ((int)c.image.size(), total);
+    EXPECT_EQ(0, image.GetInterleave());
+}
+const Bytes H5 = {0x1B, 0x53, 0x02, 0x00, 0x06, 0x00, 0x00, 0x00, 0x00};  // 5 payload bytes
+const Bytes H3 = {0x1B, 0x53, 0x02, 0x00, 0x04, 0x00, 0x00, 0x00, 0x00};  // 3 payload bytes
+Bytes record(unsigned char status) { return {0x1B, 0x53, 0x02, 0x00, 0x02, 0x00, 0x00, 0x00, status, 0x00}; }
+INSTANTIATE_TEST_SUITE_P(
+    Streams, ReadStream,
+    ::testing::Values(
+        StreamCase{"two_blocks_in_one_chunk", {join({H5, {1, 2, 3, 4, 5}, H3, {6, 7, 8}})}, {0}, {1, 2, 3, 4, 5, 6, 7, 8}},
+        StreamCase{"header_split_over_chunks",
+                   {{0x1B, 0x53, 0x02, 0x00}, {0x06, 0x00, 0x00, 0x00, 0x00, 1, 2, 3, 4, 5}},
+                   {0, 0},
+                   {1, 2, 3, 4, 5}},
+        StreamCase{"payload_over_chunks", {join({H5, {1, 2}}), {3, 4, 5}, join({H3, {6, 7, 8}})}, {0, 0, 0},
+                   {1, 2, 3, 4, 5, 6, 7, 8}},
+        StreamCase{"second_header_split",
+                   {join({H5, {1, 2, 3, 4, 5}, {0x1B, 0x53, 0x02}}), {0x00, 0x04, 0x00, 0x00, 0x00, 0x00, 6, 7, 8}},
+                   {0, 0},
+                   {1, 2, 3, 4, 5, 6, 7, 8}},
+                // a status-0 record is framed data: its length field (2) covers the byte after the header
+        StreamCase{"status_zero_record_is_data", {record(0), join({H3, {6, 7, 8}})}, {0, 0}, {0, 6, 7, 8}},
+        StreamCase{"complete", {join({H3, {6, 7, 8}}), record(1)}, {0, 1}, {6, 7, 8}},
+        StreamCase{"host_abort", {record(3)}, {3}, {}}, StreamCase{"device_abort", {record(4)}, {4}, {}},
+        StreamCase{"jam", {record(5)}, {5}, {}}, StreamCase{"page_end", {record(7)}, {7}, {}},
+        StreamCase{"page_start_without_interleave", {record(9)}, {9}, {}},
+        // byte 10 says interleave, but the record ends before the fields
+        StreamCase{"interleave_cut_short", {join({record(9), {0x01, 0x10, 0x00}})}, {9}, {}},
+        StreamCase{"short_record_is_data", {{0x1B, 0x53, 0x02, 0x00, 0x04}, {0x00, 0x00, 0x00, 0x00, 6, 7, 8}},
+                   {0, 0},
+                   {6, 7, 8}},
+        StreamCase{"read_failure", {}, {15}, {}}),
+    [](const ::testing::TestParamInfo<StreamCase>& i) { return std::string(i.param.label); });
+
+TEST_F(UsbTest, InterleaveRecordFillsTheImageAttributes) {
+    make(oneDevice(326));
+    command(326);
+    ASSERT_EQ(0, comm->openDevice());
+    inject({0x1B, 0x53, 0x02, 0x00, 0x17, 0x00, 0x00, 0x00, 0x09, 0x00, 0x01, 0x40, 0x01, 0x00, 0x00, 0xC8, 0x00,
+            0x00, 0x00, 0x03, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x05, 0x00, 0x00, 0x00});
+    DataBuffer out;
+    ImageData image;
+    int n = 0;
+    EXPECT_EQ(9, comm->ReadImage(&n, &out, &image));
+    EXPECT_EQ(1, image.GetInterleave());
+    EXPECT_EQ(320, image.GetInterleaveWidth());
+    EXPECT_EQ(200, image.GetInterleaveHeight());
+    EXPECT_EQ(3, image.GetInterleaveOffsetX());
+    EXPECT_EQ(2, image.GetInterleaveOffsetY());
+    EXPECT_EQ(5, image.GetInterleaveTrim());
+    EXPECT_EQ(0, out.GetAllDataSize());
+}
+
+// A whole simulated scan: the START request, then ReadImage until the
+// completion record; every grey pixel must be (x + 2y) mod 256.
+struct ScanCase {
+    int version;
+    int block;
+};
+class SimulatedScan : public UsbTest, public ::testing::WithParamInterface<ScanCase> {};
+
+TEST_P(SimulatedScan, GreyPageMatchesTheFormula) {
+    const ScanCase& c = GetParam();
+    make(oneDevice(c.version, "block " + std::to_string(c.block) + "\n"));
+    const int width = 1203, lines = 37, ox = 5, oy = 11;
+    store.SetIntOption("CONNECTION", 1);
+    store.SetIntOption("COLORDEPTH", 1);
+    store.SetIntOption("PIXELS_PER_LINE", width);
+    store.SetIntOption("LINES", lines);
+    store.SetIntOption("SCANOFFSETX", ox);
+    store.SetIntOption("SCANOFFSETY", oy);
+    store.SetIntOption("CURRENTDPI", 300);
+    command(c.version);
+    if (c.version == 500) {
+        ASSERT_EQ(3, comm->writeCommand(3, nullptr));
+    }
+    ASSERT_EQ(4, comm->writeCommand(4, nullptr));
+    DataBuffer out;
+    ImageData image;
+    int rc = 0;
+    int n = 0;
+    int calls = 0;
+    while ((rc = comm->ReadImage(&n, &out, &image)) == 0 && calls < 200000) ++calls;
+    EXPECT_EQ(1, rc);
+    ASSERT_EQ(width * lines, out.GetRawDataSize());
+    out.SetProcessedDataSize(out.GetRawDataSize());
+    Bytes got((size_t)(width * lines));
+    out.GetProcessedData(got.data(), (int)got.size());
+    int wrong = 0;
+    for (int y = 0; y < lines; ++y)
+        for (int x = 0; x < width; ++x)
+            if (got[(size_t)(y * width + x)] != (unsigned char)((x + ox) + 2 * (y + oy))) ++wrong;
+    EXPECT_EQ(0, wrong);
+}
+INSTANTIATE_TEST_SUITE_P(Versions, SimulatedScan,
+                         ::testing::Values(ScanCase{326, 16384}, ScanCase{401, 8191}, ScanCase{402, 8183},
+                                           ScanCase{500, 3000}, ScanCase{326, 1}),
+                         [](const ::testing::TestParamInfo<ScanCase>& i) {
+                             return "v" + std::to_string(i.param.version) + "_block" + std::to_string(i.param.block);
+                         });
+
+// ------------------------------------------------------------ compressed mode
+
+TEST_F(UsbTest, CompressedJobCollectsUntilCompleteAndHandsOutPieces) {
+    make(oneDevice(326));
+    command(326);
+    store.SetIntOption("COMPRESSION", 1);
+    store.SetIntOption("PIXELS_PER_LINE", 100);
+    store.SetIntOption("SCANHEIGHT", 70);
+    store.SetIntOption("COLORDEPTH", 2);
+    ASSERT_EQ(0, comm->openDevice());
+    inject(record(8));
+    inject(record(9));
+    inject(Bytes(16, 0));  // a band whose size field is 0 ends decoding
+    inject(record(0));
+    inject(record(7));
+    inject(record(1));
+    inject({0xEE});  // not read: collection stops at the completion record
+    ASSERT_EQ(0, comm->readAndDecompressData());
+    EXPECT_EQ(1, usbsim_queued(0));
+    DataBuffer out;
+    std::vector<int> pieces;
+    int n = 0;
+    int rc;
+    while ((rc = comm->ReadImage(&n, &out, nullptr)) == 0) pieces.push_back(n);
+    EXPECT_EQ(1, rc);
+    EXPECT_EQ((std::vector<int>{16384, 100 * 70 * 3 - 16384}), pieces);
+    EXPECT_EQ(100 * 70 * 3, out.GetRawDataSize());
+    EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr));
+}
+
+// Writes Wicket entropy-coded data: Huffman codes of JPEG Annex K given as
+// bit strings, a 0x00 stuffed after every 0xFF, and two bytes of look-ahead.
+class BandWriter {
+public:
+    void bits(const char* code) {
+        for (const char* c = code; *c; ++c) put(*c == '1');
+    }
+    void value(int v, int size) {  // the magnitude bits of a DC difference
+        unsigned u = v >= 0 ? (unsigned)v : (unsigned)(v + (1 << size) - 1);
+        for (int i = size - 1; i >= 0; --i) put((u >> i) & 1u);
+    }
+    // One band: 16-byte big-endian header, then the coded data.
+    Bytes band(unsigned lines, unsigned width, unsigned quality) {
+        while (iBits != 0) put(true);
+        data.push_back(0);
+        data.push_back(0);
+        Bytes b;
+        for (unsigned v : {(unsigned)data.size() + 16u, lines, width, quality})
+            for (int i = 3; i >= 0; --i) b.push_back((unsigned char)(v >> (8 * i)));
+        b.insert(b.end(), data.begin(), data.end());
+        data.clear();
+        return b;
+    }
+
+private:
+    void put(bool bit) {
+        cur = (unsigned char)(cur << 1 | (bit ? 1 : 0));
+        if (++iBits == 8) {
+            data.push_back(cur);
+            if (cur == 0xFF) data.push_back(0x00);
+            cur = 0;
+            iBits = 0;
+        }
+    }
+    Bytes data;
+    unsigned char cur = 0;
+    int iBits = 0;
+};
+
+// Luminance DC codes by category (K.3), the luminance end-of-block (K.5) and
+// the chrominance DC category 0 and end-of-block codes (K.3, K.6).
+const char* const LUM_DC[] = {"00", "010", "011", "100", "101", "110"};
+const char LUM_EOB[] = "1010";
+const char CHR_DC0[] = "00";
+const char CHR_EOB[] = "00";
+
+// A block whose only coefficient is the DC difference d (category s); with
+// quality 50 the DC step is 16, so the block decodes to 128 + 2 * DC.
+void lumBlock(BandWriter& w, int d, int s) {
+    w.bits(LUM_DC[s]);
+    w.value(d, s);
+    w.bits(LUM_EOB);
+}
+
+struct BandCase {
+    const char* label;
+    int depth;
+    int pixels;
+    int lines;
+    std::vector<Bytes> bands;
+    Bytes image;
+};
+class CompressedBands : public UsbTest, public ::testing::WithParamInterface<BandCase> {};
+
+TEST_P(CompressedBands, BandsLandLineByLineInTheImage) {
+    const BandCase& c = GetParam();
+    make(oneDevice(326));
+    command(326);
+    store.SetIntOption("COMPRESSION", 1);
+    store.SetIntOption("PIXELS_PER_LINE", c.pixels);
+    store.SetIntOption("SCANHEIGHT", c.lines);
+    store.SetIntOption("COLORDEPTH", c.depth);
+    ASSERT_EQ(0, comm->openDevice());
+    Bytes all = join({});
+    for (const Bytes& b : c.bands) all.insert(all.end(), b.begin(), b.end());
+    // Collected in 8192-byte reads whatever the band boundaries.
+    inject(all);
+    inject(record(1));
+    ASSERT_EQ(0, comm->readAndDecompressData());
+    DataBuffer out;
+    int n = 0;
+    while (comm->ReadImage(&n, &out, nullptr) == 0) {
+    }
+    Bytes got(out.GetRawDataSize());
+    out.SetProcessedDataSize(out.GetRawDataSize());
+    out.GetProcessedData(got.data(), (int)got.size());
+    EXPECT_EQ(c.image, got);
+}
+
+// Grey, 20 x 12: band 1 (8 lines) blocks at DC 5, -3, 0; band 2 (4 lines)
+// blocks at DC 10, 20, 0. Rows are 24 pixels wide in the band, 20 in the image.
+BandCase greyCase() {
+    BandWriter w;
+    lumBlock(w, 5, 3);
+    lumBlock(w, -8, 4);
+    lumBlock(w, 3, 2);
+    Bytes b1 = w.band(8, 20, 50);
+    lumBlock(w, 10, 4);
+    lumBlock(w, 10, 4);
+    lumBlock(w, -20, 5);
+    Bytes b2 = w.band(4, 20, 50);
+    Bytes image;
+    for (int y = 0; y < 12; ++y)
+        for (int x = 0; x < 20; ++x) {
+            static const int top[3] = {138, 122, 128}, bottom[3] = {148, 168, 128};
+            image.push_back((unsigned char)(y < 8 ? top[x / 8] : bottom[x / 8]));
+        }
+    return BandCase{"grey_two_bands", 1, 20, 12, {b1, b2}, image};
+}
+
+// Colour, 10 x 3 in one band 16 pixels wide: Y at DC 5 then 0, Cb = Cr = 0,
+// so every pixel is grey: R = G = B = 138 left of x = 8, 128 from there.
+BandCase colourCase() {
+    BandWriter w;
+    lumBlock(w, 5, 3);
+    w.bits(CHR_DC0);
+    w.bits(CHR_EOB);
+    w.bits(CHR_DC0);
+    w.bits(CHR_EOB);
+    lumBlock(w, -5, 3);
+    w.bits(CHR_DC0);
+    w.bits(CHR_EOB);
+    w.bits(CHR_DC0);
+    w.bits(CHR_EOB);
+    Bytes b = w.band(3, 10, 50);
+    Bytes image;
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 10; ++x)
+            for (int k = 0; k < 3; ++k) image.push_back(x < 8 ? 138 : 128);
+    return BandCase{"colour_one_band", 2, 10, 3, {b}, image};
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands, ::testing::Values(greyCase(), colourCase()),
+                         [](const ::testing::TestParamInfo<BandCase>& i) { return std::string(i.param.label); });
+
+TEST_F(UsbTest, CorruptBandIsADecodingError) {
+    make(oneDevice(326));
+    command(326);
+    store.SetIntOption("COMPRESSION", 1);
+    store.SetIntOption("PIXELS_PER_LINE", 16);
+    store.SetIntOption("SCANHEIGHT", 8);
+    store.SetIntOption("COLORDEPTH", 1);
+    ASSERT_EQ(0, comm->openDevice());
+    // The band claims 4000 bytes and a width of 2^31; neither is there.
+    inject({0x00, 0x00, 0x0F, 0xA0, 0x00, 0x00, 0x00, 0x08, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x32, 0x12});
+    inject(record(1));
+    EXPECT_EQ(1, comm->readAndDecompressData());
+    // A band cut short by the end of the job has too few bits to decode.
+    BandWriter w;
+    lumBlock(w, 5, 3);
+    Bytes band = w.band(8, 16, 50);
+    band.resize(band.size() - 3);
+    inject(band);
+    inject(record(1));
+    EXPECT_EQ(1, comm->readAndDecompressData());
+}
+
+TEST_F(UsbTest, CompressedJobEndsWithTheRecordOrTheReadStatus) {
+    make(oneDevice(326));
+    command(326);
+    store.SetIntOption("COMPRESSION", 1);
+    ASSERT_EQ(0, comm->openDevice());
+    inject({1, 2, 3});
+    inject(record(5));
+    EXPECT_EQ(5, comm->readAndDecompressData());
+    inject({1, 2, 3});
+    EXPECT_EQ(15, comm->readAndDecompressData());
+    store.SetIntOption("COMPRESSION", 0);
+    inject({1, 2, 3});
+    EXPECT_EQ(0, comm->readAndDecompressData());
+    EXPECT_EQ(1, usbsim_queued(0)) << "nothing is read without compression";
+}
+
+TEST_F(UsbTest, ClearDrainsUpToTheCompletionRecord) {
+    make(oneDevice(326));
+    command(326);
+    ASSERT_EQ(0, comm->openDevice());
+    inject(Bytes(9000, 0x55));
+    inject(record(7));
+    inject(record(1));
+    inject({1, 2});
+    EXPECT_EQ(0, comm->clear());
+    EXPECT_EQ(1, usbsim_queued(0));
+    EXPECT_EQ(0, comm->clear());
+    EXPECT_EQ(0, usbsim_queued(0));
+}
+
+TEST_F(UsbTest, MultiPageFeederJobIsReadFromTheStream) {
+    make(oneDevice(326));
+    command(326);
+    store.SetIntOption("USB_MULTIPAGE_FLAG", 1);
+    store.SetIntOption("SCAN_SOURCE", 1);
+    ASSERT_EQ(0, comm->openDevice());
+    inject(join({H3, {6, 7, 8}}));
+    EXPECT_EQ(0, comm->consumeScannerData());
+    EXPECT_EQ(1, usbsim_queued(0)) << "nothing is consumed";
+    DataBuffer out;
+    int n = 0;
+    EXPECT_EQ(0, comm->ReadImage(&n, &out, nullptr));
+    EXPECT_EQ(3, n);
+}
+
+}  // namespace
