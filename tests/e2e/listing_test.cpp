@@ -1,0 +1,75 @@
+// scanimage -L through the SANE dll loader against simulated USB scanners:
+// which devices are listed, under which names, in which order.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "sanerun.h"
+#include "testutil.h"
+
+namespace {
+
+const char CONF_HEAD[] =
+    "usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
+    "usb 0x2f4a 0x0402 @MODELDIR@/quarto4200.conf Quarto_4200\n"
+    "usb 0x2f4a 0x0326 @MODELDIR@/quarto3260.conf Quarto_3260\n"
+    "DISCOVER_NET_FLAG=0\n"
+    "DEVICE_LIST_ORDER_MODE=0\n";
+
+// The "device `...' is a ..." lines of scanimage -L, in order.
+std::vector<std::string> listed(const qt::SaneEnv& sane) {
+    std::string out, err;
+    EXPECT_EQ(0, sane.scanimage({"-L"}, &out, &err)) << err;
+    std::vector<std::string> lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("device `", 0) == 0) lines.push_back(line);
+    return lines;
+}
+
+TEST(Listing, DevicesInBusOrderWithVendorAndModel) {
+    qt::TempDir dir;
+    std::string scenario = dir.file("list.scn");
+    qt::writeFile(scenario,
+                  "bus 001\nbus 003\n"
+                  "device 003 002 vid=0x2f4a pid=0x0326\nmanufacturer Tarvesk\nproduct Quarto 3260\nversion 326\n"
+                  "device 001 007 vid=0x2f4a pid=0x0402\nmanufacturer Tarvesk International\nproduct Quarto 4200\n"
+                  "version 402\n"
+                  // not in quarto.conf
+                  "device 001 008 vid=0x2f4a pid=0x0999\nmanufacturer Tarvesk\nproduct Quarto 9990\n"
+                  "device 001 009 vid=0x2f4a pid=0x0500\nmanufacturer Tarvesk\nproduct Quarto 5100\n");
+    qt::SaneEnv sane(std::string(CONF_HEAD) + "DISCOVER_USB_FLAG=1\n", scenario);
+    std::vector<std::string> expected = {
+        "device `quarto:libusb/001/007' is a Tarvesk Quarto 4200 Scanner",
+        "device `quarto:libusb/001/009' is a Tarvesk Quarto 5100 Scanner",
+        "device `quarto:libusb/003/002' is a Tarvesk Quarto 3260 Scanner",
+    };
+    EXPECT_EQ(expected, listed(sane));
+}
+
+TEST(Listing, UnknownIdentifiersAndUsbDiscoveryOffListNothing) {
+    qt::TempDir dir;
+    std::string scenario = dir.file("unknown.scn");
+    qt::writeFile(scenario, "bus 001\ndevice 001 004 vid=0x2f4b pid=0x0500\nmanufacturer Tarvesk\nproduct X\n");
+    qt::SaneEnv unknown(std::string(CONF_HEAD) + "DISCOVER_USB_FLAG=1\n", scenario);
+    EXPECT_TRUE(listed(unknown).empty());
+
+    std::string known = dir.file("known.scn");
+    qt::writeFile(known, "bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500\nmanufacturer Tarvesk\nproduct X\n");
+    qt::SaneEnv off(std::string(CONF_HEAD) + "DISCOVER_USB_FLAG=0\n", known);
+    EXPECT_TRUE(listed(off).empty());
+}
+
+TEST(Listing, DemoScenarioMatchesTheDemoConfiguration) {
+    qt::SaneEnv sane(qt::readFile(qt::sourceDir() + "/etc/demo/quarto.conf.in"),
+                     qt::sourceDir() + "/sim/scenarios/demo.scn");
+    std::vector<std::string> expected = {
+        "device `quarto:libusb/001/004' is a Tarvesk Quarto 5100 Scanner",
+        "device `quarto:libusb/001/005' is a Tarvesk Quarto 4200 Scanner",
+    };
+    EXPECT_EQ(expected, listed(sane));
+}
+
+}  // namespace
