@@ -18,42 +18,14 @@
 
 namespace {
 
-// Device names as the device list hands them out.
+// Device names as the device list hands them out; the two USB devices are
+// described in tests/data/options.scn.
 const char DEV_5100[] = "libusb/001/004";  // command 500, the all-in-one family (BOXKIND 1)
 const char DEV_4200[] = "libusb/001/005";  // command 402, BOXKIND 0
 const char DEV_NET[] = "libnet/SPECIFY_DEVICE";
 
-// Both devices report one resolution whose width gives whole pixels for the
-// "Statement" size (5.5 x 8.5 in): 182 dpi makes 1001 x 1547.
-const char SCENARIO[] = R"(bus 001
-device 001 004 vid=0x2F4A pid=0x0500
-  version 500
-  props major=5 minor=0 support=0x01 types=0x1F duplex=0
-  source type=1 bar=0 origin=0 width=10200 height=14031
-  res 75 75 0
-  res 182 182 0
-  res 300 300 0
-  res 600 600 0
-  source type=2 bar=1 origin=0 width=10200 height=16800
-  res 75 75 0
-  res 182 182 0
-  res 300 300 0
-  res 600 600 0
-  size 3337 5000 Index Card
-  size 4000 6000 A name much longer than the option value can hold, cut
-device 001 005 vid=0x2F4A pid=0x0402
-  version 402
-  props major=5 minor=2 support=0x02 types=0x0B duplex=0
-  source type=1 bar=0 origin=0 width=10200 height=14031
-  res 150 150 0
-  res 182 182 1
-  res 300 300 1
-  res 600 600 1
-  # Two custom sizes: the first without a name, the second "Card".
-  sizes_raw 02 0000 090D 8813 00 0400 43617264 D007 B80B 00
-)";
-
-// The placeholder network device: no device traffic at all.
+// Feature file of the placeholder network device (vendor and product 0xFFFF):
+// opening it causes no device traffic at all.
 const char NET_FEATURES[] = R"([INTEGERS]
 COMMANDVERSION=401
 BOXKIND=0
@@ -111,7 +83,7 @@ struct SaneApi {
 class Options : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(0, usbsim_load_text(SCENARIO));
+        ASSERT_EQ(0, usbsim_load_file((qt::sourceDir() + "/tests/data/options.scn").c_str()));
         env.reset(new qt::ScopedEnv("SANE_CONFIG_DIR", dir.path().c_str()));
         writeConfiguration("");
         api.load();
