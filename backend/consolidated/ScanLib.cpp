@@ -17,6 +17,7 @@
 #include "CSources.h"
 #include "ConfigReader.h"
 #include "DataBuffer.h"
+#include "DeCompHandler.h"
 #include "Device.h"
 #include "FlatFileReader.h"
 #include "ICommand.h"
@@ -26,17 +27,6 @@
 #include "RawDataHandler.h"
 #include "SaneConfReader.h"
 #include "util.h"
-
-// TEMPORARY until the decompression stage is in the tree: lets the core build.
-#if __has_include("DeCompHandler.h")
-#include "DeCompHandler.h"
-#else
-class DeCompHandler {
-public:
-    int Initialize(ConfigReader*) { return 1; }
-    int Decompress(DataBuffer* buffer, ImageData*) { return buffer->SetProcessedDataSize(buffer->GetRawDataSize()); }
-};
-#endif
 
 namespace {
 const char kDefaultConf[] = "/etc/sane.d/Tarvesk_1_0_0.conf";
