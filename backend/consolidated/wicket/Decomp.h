@@ -4,10 +4,10 @@
 
 class CDecomp {
 public:
-    static const int DECOMP_DONE = 1;
-    static const int DECOMP_ERROR = -1;
-    static const int DECOMP_LINE_COMPLETED = 2;
-    static const int DECOMP_ERROR_MORE_DATA = 3;
+    static constexpr int DECOMP_DONE = 1;
+    static constexpr int DECOMP_ERROR = -1;
+    static constexpr int DECOMP_LINE_COMPLETED = 2;
+    static constexpr int DECOMP_ERROR_MORE_DATA = 3;
 
     virtual ~CDecomp();
     virtual int StartDecomp(int width, int height, int channels, int bitsPerPixel);

@@ -1,0 +1,258 @@
+// quarto-wicket: decodes a Wicket stream (chunks with their 16-byte headers) to
+// a PGM/PPM image, or encodes such an image into a Wicket stream.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "DecompWicket.h"
+#include "Wicket.h"
+#include "WicketEncoder.h"
+#include "util.h"
+
+namespace {
+
+const long MAX_IMAGE_BYTES = INT_MAX;  // the decoder's output limit
+const int EXIT_DATA_ERROR = 1;
+const int EXIT_USAGE = 2;
+
+const char USAGE[] =
+    "usage:\n"
+    "  quarto-wicket decode [--channels 1|3] [--no-stuffing] IN OUT.pnm\n"
+    "      Decodes the Wicket chunks in IN (each a 16-byte big-endian header:\n"
+    "      size, lines, width, quality; then the coded band) into a PGM\n"
+    "      (--channels 1) or PPM (--channels 3, the default) image. All chunks\n"
+    "      must have the same width. --no-stuffing reads data written without\n"
+    "      byte stuffing (then widths must be multiples of 16 in colour, 48 in grey).\n"
+    "  quarto-wicket encode [--quality Q] [--band-lines N] [--no-stuffing] IN.pnm OUT\n"
+    "      Encodes a binary PGM (P5) or PPM (P6) image with maxval 255 into\n"
+    "      chunks of N lines (default 32) at quality Q (1..100, default 75).\n"
+    "  quarto-wicket --help\n"
+    "Truncated or corrupt input is reported with the chunk index and its byte\n"
+    "offset; the exit status is then 1 and OUT is not written.\n";
+
+int usage(const char* message) {
+    if (message) fprintf(stderr, "quarto-wicket: %s\n", message);
+    fputs(USAGE, stderr);
+    return EXIT_USAGE;
+}
+
+bool readFile(const char* path, std::vector<uint8_t>& data) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        fprintf(stderr, "quarto-wicket: cannot open %s: %s\n", path, strerror(errno));
+        return false;
+    }
+    data.clear();
+    uint8_t buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            fprintf(stderr, "quarto-wicket: cannot read %s: %s\n", path, strerror(errno));
+            close(fd);
+            return false;
+        }
+        if (n == 0) break;
+        if (data.size() + size_t(n) > size_t(MAX_IMAGE_BYTES)) {
+            fprintf(stderr, "quarto-wicket: %s is too large\n", path);
+            close(fd);
+            return false;
+        }
+        data.insert(data.end(), buf, buf + n);
+    }
+    close(fd);
+    return true;
+}
+
+bool writeFile(const char* path, const std::vector<uint8_t>& head, const std::vector<uint8_t>& body) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        fprintf(stderr, "quarto-wicket: cannot create %s: %s\n", path, strerror(errno));
+        return false;
+    }
+    bool ok = writeDataToFile(fd, head.data(), unsigned(head.size())) == 0 &&
+              writeDataToFile(fd, body.data(), unsigned(body.size())) == 0;
+    if (close(fd) != 0) ok = false;
+    if (!ok) fprintf(stderr, "quarto-wicket: cannot write %s\n", path);
+    return ok;
+}
+
+int chunkError(int index, long offset, const std::string& what) {
+    fprintf(stderr, "quarto-wicket: chunk %d at byte offset %ld: %s\n", index, offset, what.c_str());
+    return EXIT_DATA_ERROR;
+}
+
+std::string codeText(int rc) {
+    switch (rc) {
+        case HUFF_ERROR_NO_CODE: return "corrupt data, no Huffman code matches (261)";
+        case HUFF_ERROR_DATA_EXHAUSTED: return "truncated data, the coded band ends early (513)";
+        case WICKET_ERROR_WIDTH: return "width does not fit the decoder (769)";
+        case WICKET_ERROR_HEIGHT: return "height does not fit the decoder (770)";
+        case WICKET_ERROR_COEF_OVERRUN: return "corrupt data, coefficients run past the block (771)";
+        default: return "decoder error " + std::to_string(rc);
+    }
+}
+
+int decodeCommand(int channels, bool stuffing, const char* inPath, const char* outPath) {
+    std::vector<uint8_t> in;
+    if (!readFile(inPath, in)) return EXIT_DATA_ERROR;
+    Wicket wicket(stuffing ? 1 : 0);
+    std::vector<uint8_t> image, band;
+    long width = -1, height = 0;
+    long offset = 0;
+    int index = 0;
+    const long size = long(in.size());
+    while (offset < size) {
+        const uint8_t* h = in.data() + offset;
+        if (size - offset < WICKET_HEADER_SIZE)
+            return chunkError(index, offset, "truncated header (" + std::to_string(size - offset) + " of 16 bytes)");
+        uint32_t chunkSize = readBE32(h, WICKET_HEADER_SIZE, WICKET_HEADER_SIZE_OFFSET);
+        uint32_t lines = readBE32(h, WICKET_HEADER_SIZE, WICKET_HEADER_HEIGHT_OFFSET);
+        uint32_t w = readBE32(h, WICKET_HEADER_SIZE, WICKET_HEADER_WIDTH_OFFSET);
+        uint32_t quality = readBE32(h, WICKET_HEADER_SIZE, WICKET_HEADER_QUALITY_OFFSET);
+        if (chunkSize < (uint32_t)WICKET_HEADER_SIZE)
+            return chunkError(index, offset, "corrupt header, size " + std::to_string(chunkSize) + " is below 16");
+        if (chunkSize > uint64_t(size - offset))
+            return chunkError(index, offset,
+                              "truncated chunk, size " + std::to_string(chunkSize) + " but only " +
+                                  std::to_string(size - offset) + " bytes left");
+        if (w == 0 || lines == 0 || w > (uint32_t)MAX_IMAGE_BYTES || lines > (uint32_t)MAX_IMAGE_BYTES)
+            return chunkError(index, offset,
+                              "corrupt header, geometry " + std::to_string(w) + " x " + std::to_string(lines));
+        if (width < 0) width = w;
+        if (long(w) != width)
+            return chunkError(index, offset,
+                              "width " + std::to_string(w) + " differs from the first chunk's " + std::to_string(width));
+        long align = stuffing ? 8 : channels == 3 ? 16 : 48;
+        long paddedWidth = (long(w) + align - 1) / align * align;
+        long paddedLines = (long(lines) + 7) / 8 * 8;
+        long bandBytes = paddedWidth * paddedLines * channels;
+        long rowBytes = long(w) * channels;
+        if (bandBytes > MAX_IMAGE_BYTES || (height + long(lines)) * rowBytes > MAX_IMAGE_BYTES)
+            return chunkError(index, offset, "image too large");
+        band.assign(size_t(bandBytes), 0);
+        wicket.QualityFactor(int(quality));
+        int produced = 0, used = 0;
+        const uint8_t* data = h + WICKET_HEADER_SIZE;
+        int dataLen = int(chunkSize) - WICKET_HEADER_SIZE;
+        int rc = channels == 3
+                     ? wicket.DecompressThreePlanes(data, dataLen, band.data(), bandBytes, int(paddedWidth),
+                                                    int(paddedLines), &produced, &used)
+                     : wicket.DecompressOnePlane(data, dataLen, band.data(), bandBytes, int(paddedWidth),
+                                                 int(paddedLines), &produced, &used);
+        if (rc != 0) return chunkError(index, offset, codeText(rc));
+        for (long y = 0; y < long(lines); ++y) {
+            const uint8_t* row = band.data() + y * paddedWidth * channels;
+            image.insert(image.end(), row, row + rowBytes);
+        }
+        height += lines;
+        offset += chunkSize;
+        ++index;
+    }
+    if (index == 0) return chunkError(0, 0, "no chunk in the input");
+    std::string head = (channels == 3 ? "P6\n" : "P5\n") + std::to_string(width) + " " + std::to_string(height) +
+                       "\n255\n";
+    if (!writeFile(outPath, std::vector<uint8_t>(head.begin(), head.end()), image)) return EXIT_DATA_ERROR;
+    return 0;
+}
+
+// Reads one header token of a PNM file, skipping blanks and comments.
+bool pnmToken(const std::vector<uint8_t>& d, size_t& pos, long& value) {
+    for (;;) {
+        while (pos < d.size() && strchr(" \t\r\n", d[pos]) && d[pos] != 0) ++pos;
+        if (pos < d.size() && d[pos] == '#') {
+            while (pos < d.size() && d[pos] != '\n') ++pos;
+            continue;
+        }
+        break;
+    }
+    if (pos >= d.size() || d[pos] < '0' || d[pos] > '9') return false;
+    value = 0;
+    while (pos < d.size() && d[pos] >= '0' && d[pos] <= '9') {
+        value = value * 10 + (d[pos++] - '0');
+        if (value > MAX_IMAGE_BYTES) return false;
+    }
+    return true;
+}
+
+int encodeCommand(int quality, int bandLines, bool stuffing, const char* inPath, const char* outPath) {
+    std::vector<uint8_t> in;
+    if (!readFile(inPath, in)) return EXIT_DATA_ERROR;
+    if (in.size() < 2 || in[0] != 'P' || (in[1] != '5' && in[1] != '6')) {
+        fprintf(stderr, "quarto-wicket: %s is not a binary PGM (P5) or PPM (P6) file\n", inPath);
+        return EXIT_DATA_ERROR;
+    }
+    int channels = in[1] == '6' ? 3 : 1;
+    size_t pos = 2;
+    long width, height, maxval;
+    if (!pnmToken(in, pos, width) || !pnmToken(in, pos, height) || !pnmToken(in, pos, maxval) ||
+        pos >= in.size() || width <= 0 || height <= 0 || maxval != 255) {
+        fprintf(stderr, "quarto-wicket: %s has a bad header (need width, height and maxval 255)\n", inPath);
+        return EXIT_DATA_ERROR;
+    }
+    ++pos;  // the single blank after maxval
+    if (width * height > MAX_IMAGE_BYTES / channels || in.size() - pos < size_t(width * height * channels)) {
+        fprintf(stderr, "quarto-wicket: %s holds fewer pixels than its header says\n", inPath);
+        return EXIT_DATA_ERROR;
+    }
+    WicketEncodeOptions options;
+    options.iQuality = quality;
+    options.iBandLines = bandLines;
+    options.bStuffing = stuffing;
+    std::vector<uint8_t> out = wicketEncodeImage(in.data() + pos, int(width), int(height), channels, options);
+    if (!writeFile(outPath, std::vector<uint8_t>(), out)) return EXIT_DATA_ERROR;
+    return 0;
+}
+
+bool parseInt(const char* text, long lo, long hi, int& value) {
+    char* end = nullptr;
+    errno = 0;
+    long v = strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi) return false;
+    value = int(v);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) return usage(nullptr);
+    std::string cmd = argv[1];
+    if (cmd == "--help" || cmd == "-h") {
+        fputs(USAGE, stdout);
+        return 0;
+    }
+    if (cmd != "decode" && cmd != "encode") return usage("unknown command");
+    int channels = 3, quality = 75, bandLines = 32;
+    bool stuffing = true;
+    std::vector<const char*> files;
+    for (int i = 2; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--help") {
+            fputs(USAGE, stdout);
+            return 0;
+        } else if (a == "--no-stuffing") {
+            stuffing = false;
+        } else if (cmd == "decode" && a == "--channels" && i + 1 < argc) {
+            if (!parseInt(argv[++i], 1, 3, channels) || channels == 2) return usage("--channels takes 1 or 3");
+        } else if (cmd == "encode" && a == "--quality" && i + 1 < argc) {
+            if (!parseInt(argv[++i], 1, 100, quality)) return usage("--quality takes 1 to 100");
+        } else if (cmd == "encode" && a == "--band-lines" && i + 1 < argc) {
+            if (!parseInt(argv[++i], 1, 65535, bandLines)) return usage("--band-lines takes 1 to 65535");
+        } else if (!a.empty() && a[0] == '-') {
+            return usage(("unknown option " + a).c_str());
+        } else {
+            files.push_back(argv[i]);
+        }
+    }
+    if (files.size() != 2) return usage("need an input and an output file");
+    if (cmd == "decode") return decodeCommand(channels, stuffing, files[0], files[1]);
+    return encodeCommand(quality, bandLines, stuffing, files[0], files[1]);
+}
