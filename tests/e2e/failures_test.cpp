@@ -1,0 +1,386 @@
+// Failures as a user meets them: scanimage's message for each status, what
+// reached the simulated scanner (the scanner is always released), scanimage
+// stopped with Ctrl-C in mid-page, and a front end that keeps its handle open
+// and scans again after a failed page.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sane/sane.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "e2e_scan.h"
+
+namespace {
+
+const char* const DEVICE = "quarto:libusb/001/004";
+const char* const Q5100_CONF =
+    "usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
+    "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\nDEVICE_LIST_ORDER_MODE=0\nSHOW_PSEUDO_NETWORK_FLAG=0\n";
+
+// The event log reduced to what a failure is judged by: requests by name, the
+// scan's start and end, cancel, release and close. With fromStart, the list
+// begins at the status request of the scan start (open sends none), so open's
+// traffic is left out.
+std::vector<std::string> scanEvents(const std::string& log, bool fromStart = true) {
+    static const struct {
+        const char* szHeader;
+        const char* szName;
+    } REQUESTS[] = {{"1b5304", "STATUS"}, {"1b5305", "LOCK"},   {"1b5301", "START"},
+                    {"1b5306", "UNLOCK"}, {"1b530f", "CANCEL"}, {"1b4404", "WAKE"}};
+    std::vector<std::string> events;
+    std::istringstream in(log);
+    bool started = !fromStart;
+    for (std::string line; std::getline(in, line);) {
+        std::string e;
+        size_t data = line.find(" data=");
+        if (line.compare(0, 6, "write ") == 0 && data != std::string::npos) {
+            for (const auto& r : REQUESTS)
+                if (line.compare(data + 6, 6, r.szHeader) == 0) e = r.szName;
+            if (e.empty()) e = "write " + line.substr(data + 6, 6);
+            if (e == "STATUS") started = true;
+        } else if (line.compare(0, 15, "scan dev=0 end ") == 0) {
+            e = line.substr(11, line.find(" lines=") - 11);  // "end status=N"
+        } else if (line == "scan dev=0 start") {
+            e = "scan";
+        } else if (line.compare(0, 7, "cancel ") == 0 || line.compare(0, 8, "release ") == 0 ||
+                   line.compare(0, 6, "close ") == 0) {
+            e = line.substr(0, line.find(' '));
+        }
+        if (started && !e.empty()) events.push_back(e);
+    }
+    return events;
+}
+
+std::string joined(const std::vector<std::string>& v) {
+    std::string s;
+    for (const std::string& e : v) s += (s.empty() ? "" : " ") + e;
+    return s;
+}
+
+// A 5100 scenario with extra lines for its device.
+std::string q5100Scenario(const std::string& extra) { return qt::readFile(e2e::dataFile("e2e_q5100.scn")) + extra; }
+
+// ---------------------------------------------------------------- scanimage
+
+struct UserFailure {
+    const char* szName;
+    const char* szScenarioExtra;
+    std::vector<std::string> vArgs;  // after the device and the page settings
+    const char* szMessage;           // in scanimage's standard error
+    const char* szEvents;            // scanEvents of the run
+};
+
+void PrintTo(const UserFailure& c, std::ostream* os) { *os << c.szName; }
+
+class UserSees : public ::testing::TestWithParam<UserFailure> {};
+
+TEST_P(UserSees, TheStatusMessageAndTheScannerIsReleased) {
+    const UserFailure& c = GetParam();
+    qt::TempDir dir;
+    qt::writeFile(dir.file("sim.scn"), q5100Scenario(c.szScenarioExtra));
+    qt::SaneEnv sane(Q5100_CONF, dir.file("sim.scn"));
+    std::vector<std::string> args = e2e::scanArgs(DEVICE, e2e::COLOR, e2e::A5, 150);
+    args.insert(args.end(), c.vArgs.begin(), c.vArgs.end());
+    std::string out, err;
+    int rc = sane.scanimage(args, &out, &err, {}, 60);
+    EXPECT_NE(0, rc);
+    EXPECT_NE(std::string::npos, err.find(c.szMessage)) << err;
+    std::string log = qt::readFile(sane.simLogPath());
+    EXPECT_EQ(c.szEvents, joined(scanEvents(log))) << log;
+}
+
+// The scanner's USB interface is always released and closed. A refused LOCK
+// needs no UNLOCK; a jam or an abort record unlocks; a read that times out is
+// an I/O error, which leaves the scanner locked on purpose (the next session's
+// open sends UNLOCK first).
+INSTANTIATE_TEST_SUITE_P(
+    Faults, UserSees,
+    ::testing::Values(
+        UserFailure{"LockAnsweredBusy", "  lock_status 131\n", {}, "sane_start: Device busy",
+                    "STATUS LOCK release close"},
+        UserFailure{"FeederEmpty", "  feeder 1\n", {"--source", "Automatic Document Feeder"},
+                    "sane_start: Document feeder out of documents", "STATUS release close"},
+        UserFailure{"BusyAtOpen", "  fault open_fail 1\n", {}, "open of device quarto:libusb/001/004 failed: Device busy",
+                    ""},
+        UserFailure{"PaperJam", "  fault jam 200\n", {}, "sane_read: Operation was canceled",
+                    "STATUS LOCK START scan end status=5 UNLOCK release close"},
+        UserFailure{"DeviceAbort", "  fault device_abort 200\n", {}, "sane_read: Operation was canceled",
+                    "STATUS LOCK START scan end status=4 UNLOCK release close"},
+        UserFailure{"ReadTimeout", "  fault read_timeout 40\n", {}, "sane_read: Error during device I/O",
+                    "STATUS LOCK START scan release close"}),
+    [](const ::testing::TestParamInfo<UserFailure>& info) { return std::string(info.param.szName); });
+
+// Runs scanimage with its standard output on a pipe and returns what it wrote.
+// After `firstBytes` bytes it sends SIGINT (Ctrl-C) and reads on to the end:
+// while the pipe is not read the scan cannot move on, so the signal arrives
+// in mid-page whatever the speed of the machine.
+struct Interrupted {
+    int iStatus = -1;
+    size_t lBytes = 0;
+    std::string szErr;
+};
+
+Interrupted scanimageInterrupted(const qt::SaneEnv& sane, const std::vector<std::string>& args, size_t firstBytes,
+                                 int timeoutSeconds) {
+    Interrupted r;
+    int out[2];
+    if (pipe(out) != 0) return r;
+    std::string errFile = sane.file("scanimage.err");
+    std::vector<std::string> env = sane.env();
+    pid_t pid = fork();
+    if (pid == 0) {
+        int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
+        dup2(out[1], 1);
+        if (errFd >= 0) dup2(errFd, 2);
+        close(out[0]);
+        for (const std::string& e : env) putenv(strdup(e.c_str()));
+        std::vector<char*> argv = {const_cast<char*>("scanimage")};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out[1]);
+    if (pid < 0) {
+        close(out[0]);
+        return r;
+    }
+    const time_t deadline = time(nullptr) + timeoutSeconds;
+    bool signalled = false;
+    char buf[65536];
+    while (time(nullptr) <= deadline) {
+        if (!signalled && r.lBytes >= firstBytes) {
+            kill(pid, SIGINT);
+            signalled = true;
+        }
+        struct pollfd p = {out[0], POLLIN, 0};
+        if (poll(&p, 1, 200) <= 0) continue;
+        ssize_t n = read(out[0], buf, sizeof(buf));
+        if (n <= 0) break;
+        r.lBytes += (size_t)n;
+    }
+    close(out[0]);
+    if (time(nullptr) > deadline) kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    r.iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.szErr = qt::readFile(errFile);
+    return r;
+}
+
+TEST(UserInterrupts, CtrlCInMidPageCancelsUnlocksAndTheNextRunScans) {
+    qt::SaneEnv sane(Q5100_CONF, e2e::dataFile("e2e_q5100.scn"));
+    // Letter at 600 dpi in colour: 100 MB, far more than a pipe and scanimage's buffer hold.
+    std::vector<std::string> args = e2e::scanArgs(DEVICE, e2e::COLOR, e2e::LETTER, 600);
+    const size_t page = (size_t)e2e::bytesPerLine(e2e::COLOR, e2e::pagePixels(e2e::LETTER, 600, 1)) *
+                        (size_t)e2e::pageLines(e2e::LETTER, 600, 1);
+    Interrupted r = scanimageInterrupted(sane, args, 4096, 60);
+    EXPECT_NE(0, r.iStatus) << r.szErr;
+    EXPECT_NE(std::string::npos, r.szErr.find("received signal 2")) << r.szErr;
+    EXPECT_NE(std::string::npos, r.szErr.find("sane_read: Operation was canceled")) << r.szErr;
+    EXPECT_GE(r.lBytes, (size_t)4096);
+    EXPECT_LT(r.lBytes, page / 2);
+    // The cancel request stops the device, which drops what it had queued; then
+    // the scanner is unlocked and released.
+    std::string log = qt::readFile(sane.simLogPath());
+    EXPECT_EQ("STATUS LOCK START scan CANCEL cancel UNLOCK release close", joined(scanEvents(log))) << log;
+
+    // A new run in a new process scans the whole page.
+    std::string out, err;
+    ASSERT_EQ(0, sane.scanimage(e2e::scanArgs(DEVICE, e2e::COLOR, e2e::A5, 150), &out, &err, {}, 60)) << err;
+    e2e::Pnm img;
+    std::string why;
+    ASSERT_TRUE(e2e::parsePnm(out, &img, &why)) << why;
+    e2e::Window w = e2e::lastWindow(qt::readFile(sane.simLogPath()));
+    EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(w, row); }));
+}
+
+// ---------------------------------------------------------------- a front end that keeps its handle
+
+// The built backend and the simulator in this process, as a front end such as
+// a GUI loads them: the simulated libusb-0.1 first (global), so that the
+// backend binds to it.
+struct InProcess {
+    SANE_Status (*open)(SANE_String_Const, SANE_Handle*) = nullptr;
+    void (*close)(SANE_Handle) = nullptr;
+    SANE_Status (*control_option)(SANE_Handle, SANE_Int, SANE_Action, void*, SANE_Int*) = nullptr;
+    SANE_Status (*get_parameters)(SANE_Handle, SANE_Parameters*) = nullptr;
+    SANE_Status (*start)(SANE_Handle) = nullptr;
+    SANE_Status (*read)(SANE_Handle, SANE_Byte*, SANE_Int, SANE_Int*) = nullptr;
+    void (*cancel)(SANE_Handle) = nullptr;
+    int (*load_text)(const char*) = nullptr;
+    int (*set_fault)(int, const char*, int) = nullptr;
+    int (*unplug)(int) = nullptr;
+    int (*replug)(int, const char*, const char*) = nullptr;
+    const char* (*events)() = nullptr;
+    void (*clear_record)() = nullptr;
+    bool bOk = false;
+
+    static const InProcess& get() {
+        static InProcess api = load();
+        return api;
+    }
+
+private:
+    template <typename F>
+    static void bind(void* lib, const char* name, F& fn, bool& ok) {
+        fn = reinterpret_cast<F>(dlsym(lib, name));
+        ok = ok && fn != nullptr;
+    }
+    static InProcess load() {
+        InProcess a;
+        void* sim = dlopen((qt::binaryDir() + "/sim/libusb-0.1.so.4").c_str(), RTLD_NOW | RTLD_GLOBAL);
+        void* lib = sim ? dlopen((qt::binaryDir() + "/backend/libsane-quarto.so.1").c_str(), RTLD_NOW | RTLD_LOCAL)
+                        : nullptr;
+        if (lib == nullptr) {
+            fprintf(stderr, "dlopen: %s\n", dlerror());
+            return a;
+        }
+        a.bOk = true;
+        bind(lib, "sane_quarto_open", a.open, a.bOk);
+        bind(lib, "sane_quarto_close", a.close, a.bOk);
+        bind(lib, "sane_quarto_control_option", a.control_option, a.bOk);
+        bind(lib, "sane_quarto_get_parameters", a.get_parameters, a.bOk);
+        bind(lib, "sane_quarto_start", a.start, a.bOk);
+        bind(lib, "sane_quarto_read", a.read, a.bOk);
+        bind(lib, "sane_quarto_cancel", a.cancel, a.bOk);
+        bind(sim, "usbsim_load_text", a.load_text, a.bOk);
+        bind(sim, "usbsim_set_fault", a.set_fault, a.bOk);
+        bind(sim, "usbsim_unplug", a.unplug, a.bOk);
+        bind(sim, "usbsim_replug", a.replug, a.bOk);
+        bind(sim, "usbsim_events", a.events, a.bOk);
+        bind(sim, "usbsim_clear_record", a.clear_record, a.bOk);
+        return a;
+    }
+};
+
+const int OPT_ORIGINAL_SIZE = 12;
+
+struct KeptHandleFault {
+    const char* szName;
+    const char* szFault;  // nullptr: the device is unplugged
+    int iValue;
+    bool bBeforeStart;     // the simulator decides a jam when the scan starts
+    SANE_Status eStatus;   // of the read that fails
+    const char* szEvents;  // from the fault to the front end's cancel
+    bool bHandleScansOn;   // the kept handle scans the next page
+    const char* szReopen;  // otherwise: the name the front end opens again
+};
+
+void PrintTo(const KeptHandleFault& c, std::ostream* os) { *os << c.szName; }
+
+class KeptHandle : public ::testing::TestWithParam<KeptHandleFault> {
+protected:
+    void TearDown() override {
+        if (h != nullptr) api.close(h);
+    }
+    // Opens, selects a business card in colour, and keeps the frame parameters.
+    void openPage(const char* name) {
+        ASSERT_EQ(SANE_STATUS_GOOD, api.open(name, &h));
+        char size[] = "Business Card";
+        ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_ORIGINAL_SIZE, SANE_ACTION_SET_VALUE, size, nullptr));
+        ASSERT_EQ(SANE_STATUS_GOOD, api.get_parameters(h, &p));
+    }
+    // Reads until a status other than GOOD; returns it and appends the bytes to data.
+    SANE_Status readToEnd(std::string* data) {
+        std::vector<SANE_Byte> buf(32768);
+        for (int calls = 0; calls < 100000; ++calls) {
+            SANE_Int len = 0;
+            SANE_Status s = api.read(h, buf.data(), (SANE_Int)buf.size(), &len);
+            if (len > 0) data->append(reinterpret_cast<char*>(buf.data()), (size_t)len);
+            if (s != SANE_STATUS_GOOD) return s;
+        }
+        return SANE_STATUS_GOOD;
+    }
+    // A whole page, every pixel against the formula of the window asked for.
+    void expectFullPage() {
+        api.clear_record();
+        ASSERT_EQ(SANE_STATUS_GOOD, api.start(h)) << api.events();
+        std::string data;
+        EXPECT_EQ(SANE_STATUS_EOF, readToEnd(&data));
+        api.cancel(h);
+        e2e::Window w = e2e::lastWindow(api.events());
+        ASSERT_TRUE(w.bFound) << api.events();
+        e2e::Pnm img;
+        img.cKind = '6';
+        img.iWidth = p.pixels_per_line;
+        img.iHeight = p.lines;
+        img.szData = data;
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(w, row); }));
+    }
+
+    const InProcess& api = InProcess::get();
+    SANE_Handle h = nullptr;
+    SANE_Parameters p{};
+};
+
+// A GUI front end keeps the handle after a failed page and starts the next one.
+TEST_P(KeptHandle, NextPageAfterAFailedOne) {
+    const KeptHandleFault& c = GetParam();
+    ASSERT_TRUE(api.bOk) << "the built backend or simulator could not be loaded";
+    qt::TempDir dir;
+    qt::writeFile(dir.file("quarto.conf"), qt::SaneEnv::expand(Q5100_CONF));
+    qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
+    ASSERT_EQ(0, api.load_text(q5100Scenario("").c_str()));
+    ASSERT_NO_FATAL_FAILURE(openPage("libusb/001/004"));
+
+    auto fault = [&](int value) {
+        return c.szFault ? api.set_fault(0, c.szFault, value) : value < 0 ? api.replug(0, "002", "009") : api.unplug(0);
+    };
+    if (c.bBeforeStart) {
+        ASSERT_EQ(0, fault(c.iValue));
+    }
+    ASSERT_EQ(SANE_STATUS_GOOD, api.start(h));
+    std::vector<SANE_Byte> buf(4096);
+    SANE_Int len = 0;
+    ASSERT_EQ(SANE_STATUS_GOOD, api.read(h, buf.data(), (SANE_Int)buf.size(), &len));
+    api.clear_record();
+    if (!c.bBeforeStart) {
+        ASSERT_EQ(0, fault(c.iValue));
+    }
+    std::string first;
+    EXPECT_EQ(c.eStatus, readToEnd(&first));
+    EXPECT_LT(first.size(), (size_t)p.bytes_per_line * (size_t)p.lines);
+    api.cancel(h);
+    EXPECT_EQ(c.szEvents, joined(scanEvents(api.events(), false))) << api.events();
+
+    // The cause goes away: the fault ends, or the cable is plugged in again
+    // under new numbers.
+    ASSERT_EQ(0, fault(-1));
+    if (!c.bHandleScansOn) {
+        EXPECT_EQ(SANE_STATUS_IO_ERROR, api.start(h));
+        api.close(h);
+        h = nullptr;
+        ASSERT_NO_FATAL_FAILURE(openPage(c.szReopen));
+    }
+    expectFullPage();
+}
+
+// A jam or abort record ends the page cleanly: the scanner is unlocked and the
+// kept handle scans on. A read time-out or an unplug is an I/O error that
+// leaves the rest of the broken page in the device (and, unplugged, a handle
+// that cannot be released); only open drains and unlocks, so the front end's
+// next start on the kept handle fails too and the scan works after it opens
+// the device again.
+INSTANTIATE_TEST_SUITE_P(
+    Faults, KeptHandle,
+    ::testing::Values(KeptHandleFault{"PaperJam", "jam", 20, true, SANE_STATUS_CANCELLED,
+                                      "end status=5 UNLOCK release close", true, nullptr},
+                      KeptHandleFault{"HostAbort", "abort", 20, true, SANE_STATUS_CANCELLED,
+                                      "end status=3 UNLOCK release close", true, nullptr},
+                      KeptHandleFault{"ReadTimeout", "read_timeout", 3, false, SANE_STATUS_IO_ERROR, "release close",
+                                      false, "libusb/001/004"},
+                      KeptHandleFault{"Unplug", nullptr, 0, false, SANE_STATUS_IO_ERROR, "release", false,
+                                      "libusb/002/009"}),
+    [](const ::testing::TestParamInfo<KeptHandleFault>& info) { return std::string(info.param.szName); });
+
+}  // namespace
