@@ -15,7 +15,6 @@ namespace {
 const int BYTE_STUFFING_ON = 1;
 const int BITS_PER_CHANNEL = 8;
 const long OUTPUT_EXPANSION = 5;  // output area = (pad + chunk) x lines per band x 5
-const int LOGGED_OUTPUT_BYTES = 10;
 
 struct FreeDeleter {
     void operator()(unsigned char* p) const { free(p); }
