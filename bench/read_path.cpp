@@ -1,0 +1,235 @@
+// Read path: sane_read throughput of a 600 dpi A4 colour page in raw mode,
+// from the simulated scanner in this process, against memcpy of the same bytes
+// in the same pieces; and the resident memory a scan adds, which must not grow
+// with the page (the buffers hold only the lines in flight).
+//
+//   build*/bench/read_path [--benchmark_filter=...]
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sane/sane.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "sanerun.h"
+#include "testutil.h"
+#include "usbsim.h"
+
+namespace {
+
+const char* const DEVICE = "libusb/001/004";
+const int OPT_RESOLUTION = 9;
+const int OPT_ORIGINAL_SIZE = 12;
+const int SCAN_DPI = 600;
+const int SMALL_READ = 32 * 1024;  // what scanimage asks for
+const int LARGE_READ = 1024 * 1024;
+const long MEMORY_LIMIT_KB = 32 * 1024;
+
+// The entry points of the built library. It is loaded with dlopen because the
+// session finds its configuration through the library's own file name; the
+// simulated libusb linked into this program is the one it binds to.
+struct Backend {
+    SANE_Status (*open)(SANE_String_Const, SANE_Handle*) = nullptr;
+    void (*close)(SANE_Handle) = nullptr;
+    SANE_Status (*control_option)(SANE_Handle, SANE_Int, SANE_Action, void*, SANE_Int*) = nullptr;
+    SANE_Status (*get_parameters)(SANE_Handle, SANE_Parameters*) = nullptr;
+    SANE_Status (*start)(SANE_Handle) = nullptr;
+    SANE_Status (*read)(SANE_Handle, SANE_Byte*, SANE_Int, SANE_Int*) = nullptr;
+    void (*cancel)(SANE_Handle) = nullptr;
+};
+
+template <typename F>
+bool bind(void* lib, const char* name, F& fn) {
+    fn = reinterpret_cast<F>(dlsym(lib, name));
+    return fn != nullptr;
+}
+
+bool loadBackend(Backend* b) {
+    std::string path = qt::binaryDir() + "/backend/libsane-quarto.so.1";
+    void* lib = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (lib == nullptr) {
+        fprintf(stderr, "dlopen %s: %s\n", path.c_str(), dlerror());
+        return false;
+    }
+    return bind(lib, "sane_quarto_open", b->open) && bind(lib, "sane_quarto_close", b->close) &&
+           bind(lib, "sane_quarto_control_option", b->control_option) &&
+           bind(lib, "sane_quarto_get_parameters", b->get_parameters) && bind(lib, "sane_quarto_start", b->start) &&
+           bind(lib, "sane_quarto_read", b->read) && bind(lib, "sane_quarto_cancel", b->cancel);
+}
+
+// The demo's Quarto 5100, opened once and set to 600 dpi colour on `size`.
+class Scanner {
+public:
+    bool open(const char* size) {
+        if (!loadBackend(&b)) return false;
+        qt::writeFile(dir.file("quarto.conf"),
+                      qt::SaneEnv::expand("usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
+                                          "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\n"));
+        setenv("SANE_CONFIG_DIR", dir.path().c_str(), 1);
+        if (usbsim_load_file((qt::sourceDir() + "/sim/scenarios/demo.scn").c_str()) != 0) return false;
+        if (b.open(DEVICE, &h) != SANE_STATUS_GOOD) return false;
+        return select(size);
+    }
+    bool select(const char* size) {
+        SANE_Int dpi = SCAN_DPI;
+        std::vector<char> name(size, size + strlen(size) + 1);
+        SANE_Parameters p;
+        if (b.control_option(h, OPT_RESOLUTION, SANE_ACTION_SET_VALUE, &dpi, nullptr) != SANE_STATUS_GOOD ||
+            b.control_option(h, OPT_ORIGINAL_SIZE, SANE_ACTION_SET_VALUE, name.data(), nullptr) != SANE_STATUS_GOOD ||
+            b.get_parameters(h, &p) != SANE_STATUS_GOOD || p.format != SANE_FRAME_RGB)
+            return false;
+        lPageBytes = (long)p.bytes_per_line * p.lines;
+        return true;
+    }
+    ~Scanner() {
+        if (h != nullptr) b.close(h);
+    }
+
+    // One whole page in pieces of at most maxLen bytes; returns the bytes read,
+    // or -1 when the page did not end with the end of the image.
+    long scanPage(SANE_Byte* buf, int maxLen) {
+        if (b.start(h) != SANE_STATUS_GOOD) return -1;
+        long total = 0;
+        SANE_Status s;
+        SANE_Int len = 0;
+        while ((s = b.read(h, buf, maxLen, &len)) == SANE_STATUS_GOOD) total += len;
+        b.cancel(h);
+        return s == SANE_STATUS_EOF ? total : -1;
+    }
+
+    long lPageBytes = 0;
+
+private:
+    qt::TempDir dir;
+    Backend b;
+    SANE_Handle h = nullptr;
+};
+
+Scanner* g_scanner = nullptr;
+
+void BM_SaneRead(benchmark::State& state) {
+    std::vector<SANE_Byte> buf((size_t)state.range(0));
+    for (auto _ : state) {
+        long n = g_scanner->scanPage(buf.data(), (int)buf.size());
+        if (n != g_scanner->lPageBytes) {
+            state.SkipWithError("the page did not arrive whole");
+            return;
+        }
+        benchmark::DoNotOptimize(buf.data());
+    }
+    state.SetBytesProcessed(state.iterations() * g_scanner->lPageBytes);
+}
+
+// The reference: the same bytes copied by memcpy from a page in memory into a
+// buffer of the same size as the front end's.
+void BM_Memcpy(benchmark::State& state) {
+    const size_t piece = (size_t)state.range(0);
+    std::vector<unsigned char> page((size_t)g_scanner->lPageBytes, 0x5A);
+    std::vector<unsigned char> buf(piece);
+    for (auto _ : state) {
+        for (size_t off = 0; off < page.size(); off += piece) {
+            memcpy(buf.data(), page.data() + off, std::min(piece, page.size() - off));
+            benchmark::ClobberMemory();
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * g_scanner->lPageBytes);
+}
+
+BENCHMARK(BM_SaneRead)->Arg(SMALL_READ)->Arg(LARGE_READ)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+BENCHMARK(BM_Memcpy)->Arg(SMALL_READ)->Arg(LARGE_READ)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+
+// Keeps the throughput of every run for the ratios printed at the end.
+class RateReporter : public benchmark::ConsoleReporter {
+public:
+    explicit RateReporter(OutputOptions options) : ConsoleReporter(options) {}
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& r : runs) {
+            auto it = r.counters.find("bytes_per_second");
+            if (!r.error_occurred && it != r.counters.end())
+                rates[r.run_name.function_name + "/" + r.run_name.args] = it->second.value;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    std::map<std::string, double> rates;
+};
+
+// Resident memory, kB, from /proc/self/status ("VmHWM" peak, "VmRSS" current).
+long statusKb(const char* key) {
+    std::string s = qt::readFile("/proc/self/status");
+    size_t pos = s.find(std::string(key) + ":");
+    return pos == std::string::npos ? -1 : atol(s.c_str() + pos + strlen(key) + 1);
+}
+
+// Clears the peak so that VmHWM restarts from the current resident size.
+bool resetPeak() {
+    int fd = open("/proc/self/clear_refs", O_WRONLY);
+    if (fd < 0) return false;
+    bool ok = write(fd, "5", 1) == 1;
+    close(fd);
+    return ok;
+}
+
+// The growth of the peak resident size over one scan of `size`, kB, from the
+// resident size before it (the front end's buffer included); -1 if unknown.
+long scanPeakKb(const char* size, int maxLen) {
+    if (!g_scanner->select(size)) return -1;
+    std::vector<SANE_Byte> buf((size_t)maxLen);
+    memset(buf.data(), 0, buf.size());
+    if (!resetPeak()) return -1;
+    long before = statusKb("VmRSS");
+    if (g_scanner->scanPage(buf.data(), maxLen) < 0) return -1;
+    return statusKb("VmHWM") - before;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    Scanner scanner;
+    g_scanner = &scanner;
+    if (!scanner.open("A4")) {
+        fprintf(stderr, "read_path: the backend or the simulated scanner could not be set up\n");
+        return 1;
+    }
+    const long pageBytes = scanner.lPageBytes;
+
+    // Memory first, before the reference buffers of the benchmarks exist.
+    struct {
+        const char* szSize;
+        int iMaxLen;
+        long lKb;
+    } peaks[] = {{"A5", SMALL_READ, 0}, {"A4", SMALL_READ, 0}, {"A4", LARGE_READ, 0}, {"Legal", SMALL_READ, 0}};
+    for (auto& p : peaks) p.lKb = scanPeakKb(p.szSize, p.iMaxLen);
+    scanner.select("A4");
+
+    RateReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
+                                                : benchmark::ConsoleReporter::OO_Tabular);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+
+    printf("\nread path: 600 dpi A4 colour page, %ld bytes, raw, in-process simulator\n", pageBytes);
+    for (int len : {SMALL_READ, LARGE_READ}) {
+        double read = reporter.rates["BM_SaneRead/" + std::to_string(len)];
+        double copy = reporter.rates["BM_Memcpy/" + std::to_string(len)];
+        if (read > 0 && copy > 0)
+            printf("  sane_read %7d-byte buffer: %8.1f MB/s = %.3f x memcpy (%8.1f MB/s)%s\n", len, read / 1e6,
+                   read / copy, copy / 1e6, read >= 1e9 ? "" : "  [below 1 GB/s]");
+    }
+    bool within = true;
+    for (const auto& p : peaks) {
+        if (p.lKb < 0) {
+            printf("  peak resident memory of a scan (%s, %d-byte reads): unknown\n", p.szSize, p.iMaxLen);
+            continue;
+        }
+        printf("  peak resident memory added by a scan (%s, %d-byte reads): %.1f MB%s\n", p.szSize, p.iMaxLen,
+               p.lKb / 1024.0, p.lKb < MEMORY_LIMIT_KB ? "" : "  [over 32 MB]");
+        within = within && p.lKb < MEMORY_LIMIT_KB;
+    }
+    benchmark::Shutdown();
+    return within ? 0 : 2;
+}
