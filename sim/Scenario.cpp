@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <sstream>
 
 namespace usbsim {
@@ -111,6 +112,17 @@ bool parseHexWords(const std::vector<std::string>& words, size_t first, size_t m
     return true;
 }
 
+// One key=value attribute of a statement and how its value is taken.
+struct Attr {
+    const char* szName;
+    std::function<bool(const std::string&)> parse;
+};
+
+template <typename T>
+Attr num(const char* szName, long long llMin, long long llMax, T& field) {
+    return {szName, [llMin, llMax, &field](const std::string& v) { return parseInto(v, llMin, llMax, field); }};
+}
+
 class Parser {
 public:
     Parser(Scenario& s, std::string& e) : scn(s), errors(e) {}
@@ -189,30 +201,36 @@ private:
         DeviceConfig d;
         d.szBus = w[1];
         d.szFile = w[2];
-        for (size_t i = 3; i < w.size(); ++i) {
-            std::string k, v;
-            if (!splitPair(w[i], k, v)) return;
-            bool ok = false;
-            if (k == "vid") ok = parseInto(v, 0, 0xFFFF, d.iVendor);
-            else if (k == "pid") ok = parseInto(v, 0, 0xFFFF, d.iProduct);
-            else if (k == "class") ok = parseInto(v, 0, 255, d.iClass);
-            else if (k == "subclass") ok = parseInto(v, 0, 255, d.iSubClass);
-            else if (k == "protocol") ok = parseInto(v, 0, 255, d.iProtocol);
-            else if (k == "bcd") ok = parseInto(v, 0, 0xFFFF, d.iBcdDevice);
-            else {
-                fail("unknown device attribute '" + k + "'");
-                return;
-            }
-            if (!ok) {
-                fail("bad value for " + k);
-                return;
-            }
-        }
+        if (!attributes(w, 3, "device",
+                        {num("vid", 0, 0xFFFF, d.iVendor), num("pid", 0, 0xFFFF, d.iProduct),
+                         num("class", 0, 255, d.iClass), num("subclass", 0, 255, d.iSubClass),
+                         num("protocol", 0, 255, d.iProtocol), num("bcd", 0, 0xFFFF, d.iBcdDevice)}))
+            return;
         addBus(d.szBus);
         scn.devices.push_back(d);
         pDev = &scn.devices.back();
         bDefaultInterface = true;
         bSkipping = false;
+    }
+
+    // The key=value words of w from index first; false (and reported) at the first bad one.
+    bool attributes(const std::vector<std::string>& w, size_t first, const char* what, const std::vector<Attr>& attrs) {
+        for (size_t i = first; i < w.size(); ++i) {
+            std::string k, v;
+            if (!splitPair(w[i], k, v)) return false;
+            const Attr* a = nullptr;
+            for (const Attr& c : attrs)
+                if (k == c.szName) a = &c;
+            if (!a) {
+                fail(std::string("unknown ") + what + " attribute '" + k + "'");
+                return false;
+            }
+            if (!a->parse(v)) {
+                fail("bad value for " + k);
+                return false;
+            }
+        }
+        return true;
     }
 
     bool splitPair(const std::string& word, std::string& k, std::string& v) {
@@ -323,24 +341,11 @@ private:
             return;
         }
         InterfaceConfig ic;
-        for (size_t i = 1; i < w.size(); ++i) {
-            std::string k, v;
-            if (!splitPair(w[i], k, v)) return;
-            bool ok = false;
-            if (k == "class") ok = parseInto(v, 0, 255, ic.iClass);
-            else if (k == "subclass") ok = parseInto(v, 0, 255, ic.iSubClass);
-            else if (k == "protocol") ok = parseInto(v, 0, 255, ic.iProtocol);
-            else if (k == "alts") ok = parseInto(v, 0, MAX_ALTS, ic.iAlts);
-            else if (k == "ep") ok = endpointList(v, ic.endpoints);
-            else {
-                fail("unknown interface attribute '" + k + "'");
-                return;
-            }
-            if (!ok) {
-                fail("bad value for " + k);
-                return;
-            }
-        }
+        const Attr ep = {"ep", [this, &ic](const std::string& v) { return endpointList(v, ic.endpoints); }};
+        if (!attributes(w, 1, "interface",
+                        {num("class", 0, 255, ic.iClass), num("subclass", 0, 255, ic.iSubClass),
+                         num("protocol", 0, 255, ic.iProtocol), num("alts", 0, MAX_ALTS, ic.iAlts), ep}))
+            return;
         pDev->interfaces.push_back(ic);
     }
 
@@ -359,28 +364,11 @@ private:
 
     void propsLine(const std::vector<std::string>& w) {
         PropsConfig& p = pDev->props;
-        for (size_t i = 1; i < w.size(); ++i) {
-            std::string k, v;
-            if (!splitPair(w[i], k, v)) return;
-            int* field = nullptr;
-            if (k == "major") field = &p.iMajor;
-            else if (k == "minor") field = &p.iMinor;
-            else if (k == "codeset") field = &p.iCodeset;
-            else if (k == "compression") field = &p.iCompression;
-            else if (k == "align_color") field = &p.iAlignColor;
-            else if (k == "align_gray") field = &p.iAlignGray;
-            else if (k == "support") field = &p.iSupport;
-            else if (k == "types") field = &p.iTypes;
-            else if (k == "duplex") field = &p.iDuplex;
-            else {
-                fail("unknown props attribute '" + k + "'");
-                return;
-            }
-            if (!parseInto(v, 0, 255, *field)) {
-                fail("bad value for " + k + " (0..255)");
-                return;
-            }
-        }
+        attributes(w, 1, "props",
+                   {num("major", 0, 255, p.iMajor), num("minor", 0, 255, p.iMinor), num("codeset", 0, 255, p.iCodeset),
+                    num("compression", 0, 255, p.iCompression), num("align_color", 0, 255, p.iAlignColor),
+                    num("align_gray", 0, 255, p.iAlignGray), num("support", 0, 255, p.iSupport),
+                    num("types", 0, 255, p.iTypes), num("duplex", 0, 255, p.iDuplex)});
     }
 
     void rawBlock(const std::vector<std::string>& w, bool& flag, std::vector<unsigned char>& out) {
@@ -399,24 +387,10 @@ private:
             return;
         }
         SourceConfig sc;
-        for (size_t i = 1; i < w.size(); ++i) {
-            std::string k, v;
-            if (!splitPair(w[i], k, v)) return;
-            bool ok = false;
-            if (k == "type") ok = parseInto(v, 0, 255, sc.iType);
-            else if (k == "bar") ok = parseInto(v, 0, 255, sc.iBarId);
-            else if (k == "origin") ok = parseInto(v, 0, MAX_U32, sc.uOrigin);
-            else if (k == "width") ok = parseInto(v, 0, MAX_U32, sc.uWidth);
-            else if (k == "height") ok = parseInto(v, 0, MAX_U32, sc.uHeight);
-            else {
-                fail("unknown source attribute '" + k + "'");
-                return;
-            }
-            if (!ok) {
-                fail("bad value for " + k);
-                return;
-            }
-        }
+        if (!attributes(w, 1, "source",
+                        {num("type", 0, 255, sc.iType), num("bar", 0, 255, sc.iBarId), num("origin", 0, MAX_U32, sc.uOrigin),
+                         num("width", 0, MAX_U32, sc.uWidth), num("height", 0, MAX_U32, sc.uHeight)}))
+            return;
         pDev->sources.push_back(sc);
     }
 

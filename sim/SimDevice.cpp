@@ -91,8 +91,9 @@ std::vector<unsigned char> statusRecord(unsigned char cStatus) {
     return r;
 }
 
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* f, ...) {
+}  // namespace
+
+std::string textf(const char* f, ...) {
     char buf[512];
     va_list ap;
     va_start(ap, f);
@@ -100,8 +101,6 @@ std::string fmt(const char* f, ...) {
     va_end(ap);
     return buf;
 }
-
-}  // namespace
 
 std::string hexText(const unsigned char* p, int len, int maxBytes) {
     static const char* const DIGITS = "0123456789abcdef";
@@ -281,7 +280,7 @@ bool SimDevice::unwrapNpa(const unsigned char* p, int len, const unsigned char*&
                 if (cmd[cmdLen + i] != p[6 + i % 4]) why = "bad trailer";
     }
     if (why) {
-        event(fmt("npa dev=%d malformed packet: %s", iIndex, why));
+        event(textf("npa dev=%d malformed packet: %s", iIndex, why));
         return false;
     }
     return true;
@@ -390,7 +389,7 @@ int SimDevice::checkWindow(const Window& w) const {
     else if (w.uWidth > MAX_WINDOW_WIDTH) why = "width too large";
     else if (w.uLines > MAX_WINDOW_LINES) why = "too many lines";
     if (!why) return STATUS_GOOD;
-    event(fmt("window dev=%d refused: %s", iIndex, why));
+    event(textf("window dev=%d refused: %s", iIndex, why));
     return STATUS_INVALID;
 }
 
@@ -406,22 +405,22 @@ void SimDevice::start(const unsigned char* p, int len) {
     }
     int status = cfg.iStartStatus;
     if (!have) {
-        event(fmt("start dev=%d without a window", iIndex));
+        event(textf("start dev=%d without a window", iIndex));
         status = STATUS_INVALID;
     } else {
         scanWindow = w;
         bHaveLastWindow = true;
-        event(fmt("window dev=%d color=%d width=%u lines=%u x=%u y=%u xres=%d yres=%d compression=%d source=%d", iIndex,
+        event(textf("window dev=%d color=%d width=%u lines=%u x=%u y=%u xres=%d yres=%d compression=%d source=%d", iIndex,
                   w.iColor, w.uWidth, w.uLines, w.uOffsetX, w.uOffsetY, w.iXRes, w.iYRes, w.iCompression, w.iSource));
         if (checkWindow(w) != STATUS_GOOD) status = STATUS_INVALID;
     }
     queueReply(header(MSG_SCANNER, REQ_START, 0, status));
     if (status != STATUS_GOOD) {
-        event(fmt("start dev=%d status=%d: no image", iIndex, status));
+        event(textf("start dev=%d status=%d: no image", iIndex, status));
         scan.reset();
         return;
     }
-    if (w.iCompression == 1) event(fmt("compression dev=%d mode 1 requested: raw data sent", iIndex));
+    if (w.iCompression == 1) event(textf("compression dev=%d mode 1 requested: raw data sent", iIndex));
     // The earliest of the configured abort, device-abort and jam faults ends the page.
     static const struct { FaultId f; int status; } ENDERS[] = {
         {FAULT_ABORT, REC_HOST_ABORT}, {FAULT_DEVICE_ABORT, REC_DEVICE_ABORT}, {FAULT_JAM, REC_JAM}};
@@ -434,28 +433,28 @@ void SimDevice::start(const unsigned char* p, int len) {
         }
     }
     scan.reset(new ScanStream(cfg, w, faultLine, faultStatus));
-    event(fmt("scan dev=%d start", iIndex));
+    event(textf("scan dev=%d start", iIndex));
 }
 
 void SimDevice::handleRequest(const unsigned char* p, int len) {
     if (len < HEADER_LEN) {
-        event(fmt("request dev=%d malformed: %d bytes", iIndex, len));
+        event(textf("request dev=%d malformed: %d bytes", iIndex, len));
         return;
     }
     const int declared = static_cast<int>(rdLE16(p, len, 4));
     if (declared != len - HEADER_LEN)
-        event(fmt("request dev=%d length field %d with %d data bytes", iIndex, declared, len - HEADER_LEN));
+        event(textf("request dev=%d length field %d with %d data bytes", iIndex, declared, len - HEADER_LEN));
     if (p[0] == ESC && p[1] == MSG_DATA && p[2] == REQ_WAKE) {
         queueReply(header(MSG_DATA, REQ_WAKE, 0, cfg.iReplyStatus));
         return;
     }
     if (p[0] != ESC || p[1] != MSG_SCANNER) {
-        event(fmt("request dev=%d unknown: %s", iIndex, hexText(p, len, 16).c_str()));
+        event(textf("request dev=%d unknown: %s", iIndex, hexText(p, len, 16).c_str()));
         return;
     }
     switch (p[2]) {
     case REQ_CANCEL:
-        event(fmt("cancel dev=%d", iIndex));
+        event(textf("cancel dev=%d", iIndex));
         dropAll();
         return;
     case REQ_STATUS:
@@ -491,7 +490,7 @@ void SimDevice::handleRequest(const unsigned char* p, int len) {
         queueReply(header(MSG_SCANNER, REQ_DATA, 0, cfg.iReplyStatus));
         return;
     default:
-        event(fmt("request dev=%d unknown: %s", iIndex, hexText(p, len, 16).c_str()));
+        event(textf("request dev=%d unknown: %s", iIndex, hexText(p, len, 16).c_str()));
         return;
     }
 }
@@ -507,7 +506,7 @@ int SimDevice::read(unsigned char* buf, int cap) {
                 return -1;
             }
             if (scan->finished()) {
-                event(fmt("scan dev=%d end status=%d lines=%llu", iIndex, scan->endStatus(),
+                event(textf("scan dev=%d end status=%d lines=%llu", iIndex, scan->endStatus(),
                           static_cast<unsigned long long>(scan->linesSent())));
                 scan.reset();
             }

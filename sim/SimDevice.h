@@ -113,6 +113,9 @@ private:
     Window scanWindow;
 };
 
+// printf into a std::string (lines of the event log; at most 511 characters).
+std::string textf(const char* f, ...) __attribute__((format(printf, 1, 2)));
+
 // Hex text of up to maxBytes bytes ("1b5303..."), "..." appended when cut.
 std::string hexText(const unsigned char* p, int len, int maxBytes);
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -24,6 +23,7 @@
 
 using usbsim::DeviceConfig;
 using usbsim::SimDevice;
+using usbsim::textf;
 
 namespace {
 
@@ -78,16 +78,6 @@ struct State {
 State& st() {
     static State* s = new State;
     return *s;
-}
-
-std::string fmt(const char* f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char* f, ...) {
-    char buf[512];
-    va_list ap;
-    va_start(ap, f);
-    vsnprintf(buf, sizeof buf, f, ap);
-    va_end(ap);
-    return buf;
 }
 
 void openLogLocked() {
@@ -217,7 +207,7 @@ int slotIndex(const Slot& slot) { return static_cast<int>(&slot - st().slots.dat
 void unplugLocked(Slot& slot) {
     slot.pInc = nullptr;
     slot.engine->dropAll();
-    addEvent(fmt("unplug dev=%d", slotIndex(slot)));
+    addEvent(textf("unplug dev=%d", slotIndex(slot)));
 }
 
 void replugLocked(Slot& slot, const std::string& bus, const std::string& file) {
@@ -227,7 +217,7 @@ void replugLocked(Slot& slot, const std::string& bus, const std::string& file) {
     slot.engine->dropAll();
     slot.pInc = makeIncarnation(slot);
     slot.bDriverAttached = slot.engine->cfg.faults[usbsim::FAULT_BUSY] != 0;
-    addEvent(fmt("replug dev=%d bus=%s file=%s", slotIndex(slot), bus.c_str(), file.c_str()));
+    addEvent(textf("replug dev=%d bus=%s file=%s", slotIndex(slot), bus.c_str(), file.c_str()));
 }
 
 // Brings the published bus list (usb_busses) in line with what is plugged in.
@@ -305,7 +295,7 @@ int loadLocked(const std::string& text, const std::string& origin) {
         slot.bDriverAttached = scn.devices[i].faults[usbsim::FAULT_BUSY] != 0;
     }
     s.bLoaded = true;
-    addEvent(fmt("load devices=%zu errors=%d", scn.devices.size(), n));
+    addEvent(textf("load devices=%zu errors=%d", scn.devices.size(), n));
     for (Slot& slot : s.slots) {
         DeviceConfig& c = slot.engine->cfg;
         if (c.faults[usbsim::FAULT_UNPLUG] == 0) {
@@ -466,6 +456,15 @@ int endpointCheck(Slot& slot, usb_dev_handle* h, int ep, const char* what) {
     return 0;
 }
 
+// Endpoint resets succeed on a connected device and are only recorded.
+int endpointReset(usb_dev_handle* h, unsigned int ep, const char* what, const char* eventName) {
+    std::lock_guard<std::mutex> g(st().mtx);
+    Slot* slot = nullptr;
+    if (int rc = useHandle(h, slot, what)) return rc;
+    addEvent(textf("%s dev=%d ep=0x%02x", eventName, h->iSlot, ep));
+    return 0;
+}
+
 }  // namespace
 
 // ------------------------------------------------------------------ libusb-0.1
@@ -515,13 +514,13 @@ usb_dev_handle* usb_open(struct usb_device* dev) {
         if (!slot.pInc || &slot.pInc->dev != dev) continue;
         int i = slotIndex(slot);
         if (slot.engine->cfg.faults[usbsim::FAULT_OPEN_FAIL]) {
-            addEvent(fmt("open dev=%d failed: open_fail", i));
+            addEvent(textf("open dev=%d failed: open_fail", i));
             fail(-EACCES, "usb_open");
             return nullptr;
         }
         usb_dev_handle* h = new usb_dev_handle{i, s.uGeneration, slot.pInc, 0};
         s.handles.insert(h);
-        addEvent(fmt("open dev=%d bus=%s file=%s", i, slot.szBus.c_str(), slot.szFile.c_str()));
+        addEvent(textf("open dev=%d bus=%s file=%s", i, slot.szBus.c_str(), slot.szFile.c_str()));
         return h;
     }
     addEvent("open failed: no such device");
@@ -536,7 +535,7 @@ int usb_close(usb_dev_handle* h) {
         addEvent("close failed: invalid handle");
         return fail(-EINVAL, "usb_close");
     }
-    addEvent(fmt("close dev=%d", h->iSlot));
+    addEvent(textf("close dev=%d", h->iSlot));
     s.handles.erase(h);
     delete h;
     return 0;
@@ -563,7 +562,7 @@ int usb_get_string_simple(usb_dev_handle* h, int index, char* buf, size_t buflen
     if (int rc = useHandle(h, slot, "usb_get_string_simple")) return rc;
     if (!buf || buflen == 0 || index <= 0 || index > 255) return fail(-EINVAL, "usb_get_string_simple");
     const std::string* str = findString(slot->engine->cfg, index);
-    addEvent(fmt("string dev=%d index=%d rc=%d", h->iSlot, index, str ? static_cast<int>(str->size()) : -EPIPE));
+    addEvent(textf("string dev=%d index=%d rc=%d", h->iSlot, index, str ? static_cast<int>(str->size()) : -EPIPE));
     if (!str) return fail(-EPIPE, "usb_get_string_simple");
     size_t n = std::min(buflen - 1, str->size());
     for (size_t i = 0; i < n; ++i) buf[i] = static_cast<unsigned char>((*str)[i]) < 0x80 ? (*str)[i] : '?';
@@ -594,13 +593,13 @@ int usb_bulk_write(usb_dev_handle* h, int ep, const char* bytes, int size, int) 
     const unsigned char* p = reinterpret_cast<const unsigned char*>(bytes);
     const int i = h->iSlot;
     if (c.faults[usbsim::FAULT_WRITE_FAIL] == 0) {
-        addEvent(fmt("write dev=%d ep=0x%02x len=%d rc=%d data=%s", i, ep, size, -EIO,
+        addEvent(textf("write dev=%d ep=0x%02x len=%d rc=%d data=%s", i, ep, size, -EIO,
                      usbsim::hexText(p, size, MAX_WRITE_HEX).c_str()));
         return fail(-EIO, "usb_bulk_write");
     }
     if (c.faults[usbsim::FAULT_WRITE_FAIL] > 0) --c.faults[usbsim::FAULT_WRITE_FAIL];
     slot->writes.emplace_back(ep, std::vector<unsigned char>(p, p + size));
-    addEvent(fmt("write dev=%d ep=0x%02x len=%d data=%s", i, ep, size, usbsim::hexText(p, size, MAX_WRITE_HEX).c_str()));
+    addEvent(textf("write dev=%d ep=0x%02x len=%d data=%s", i, ep, size, usbsim::hexText(p, size, MAX_WRITE_HEX).c_str()));
     slot->engine->handleWrite(p, size);
     if (c.faults[usbsim::FAULT_UNPLUG] > 0 && --c.faults[usbsim::FAULT_UNPLUG] == 0) {
         c.faults[usbsim::FAULT_UNPLUG] = -1;
@@ -651,7 +650,7 @@ int usb_control_msg(usb_dev_handle* h, int requesttype, int request, int value, 
     if (requesttype == (USB_ENDPOINT_IN | USB_TYPE_STANDARD | USB_RECIP_DEVICE) && request == USB_REQ_GET_DESCRIPTOR)
         rc = descriptorLocked(*slot, static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value), bytes,
                               size);
-    addEvent(fmt("control dev=%d type=0x%02x request=0x%02x value=0x%04x index=%d rc=%d", h->iSlot, requesttype,
+    addEvent(textf("control dev=%d type=0x%02x request=0x%02x value=0x%04x index=%d rc=%d", h->iSlot, requesttype,
                  request, value, index, rc));
     return rc < 0 ? fail(rc, "usb_control_msg") : rc;
 }
@@ -664,7 +663,7 @@ int usb_set_configuration(usb_dev_handle* h, int configuration) {
     if (slot->engine->cfg.faults[usbsim::FAULT_SETCONFIG_EPERM]) rc = -EPERM;
     else if (slot->bDriverAttached) rc = -EBUSY;  // a kernel driver holds an interface
     else if (configuration != slot->pInc->config.bConfigurationValue) rc = -EINVAL;
-    addEvent(fmt("setconfig dev=%d value=%d rc=%d", h->iSlot, configuration, rc));
+    addEvent(textf("setconfig dev=%d value=%d rc=%d", h->iSlot, configuration, rc));
     return rc ? fail(rc, "usb_set_configuration") : 0;
 }
 
@@ -676,7 +675,7 @@ int usb_claim_interface(usb_dev_handle* h, int interface) {
     if (interface < 0 || interface >= slot->pInc->config.bNumInterfaces) rc = -EINVAL;
     else if (slot->bDriverAttached) rc = -EBUSY;
     else h->uClaimed |= 1u << interface;
-    addEvent(fmt("claim dev=%d iface=%d rc=%d", h->iSlot, interface, rc));
+    addEvent(textf("claim dev=%d iface=%d rc=%d", h->iSlot, interface, rc));
     return rc ? fail(rc, "usb_claim_interface") : 0;
 }
 
@@ -688,7 +687,7 @@ int usb_release_interface(usb_dev_handle* h, int interface) {
         if (interface < 0 || interface >= 32 || !(h->uClaimed & (1u << interface))) rc = -EINVAL;
         else h->uClaimed &= ~(1u << interface);
     }
-    addEvent(fmt("release dev=%d iface=%d rc=%d", h && st().handles.count(h) ? h->iSlot : -1, interface, rc));
+    addEvent(textf("release dev=%d iface=%d rc=%d", h && st().handles.count(h) ? h->iSlot : -1, interface, rc));
     return rc ? fail(rc, "usb_release_interface") : 0;
 }
 
@@ -702,28 +701,16 @@ int usb_set_altinterface(usb_dev_handle* h, int alternate) {
     return fail(-EINVAL, "usb_set_altinterface");
 }
 
-int usb_resetep(usb_dev_handle* h, unsigned int ep) {
-    std::lock_guard<std::mutex> g(st().mtx);
-    Slot* slot = nullptr;
-    if (int rc = useHandle(h, slot, "usb_resetep")) return rc;
-    addEvent(fmt("resetep dev=%d ep=0x%02x", h->iSlot, ep));
-    return 0;
-}
+int usb_resetep(usb_dev_handle* h, unsigned int ep) { return endpointReset(h, ep, "usb_resetep", "resetep"); }
 
-int usb_clear_halt(usb_dev_handle* h, unsigned int ep) {
-    std::lock_guard<std::mutex> g(st().mtx);
-    Slot* slot = nullptr;
-    if (int rc = useHandle(h, slot, "usb_clear_halt")) return rc;
-    addEvent(fmt("clear_halt dev=%d ep=0x%02x", h->iSlot, ep));
-    return 0;
-}
+int usb_clear_halt(usb_dev_handle* h, unsigned int ep) { return endpointReset(h, ep, "usb_clear_halt", "clear_halt"); }
 
 int usb_reset(usb_dev_handle* h) {
     std::lock_guard<std::mutex> g(st().mtx);
     Slot* slot = nullptr;
     int rc = checkHandle(h, slot);
     if (rc == 0) slot->engine->dropAll();
-    addEvent(fmt("reset dev=%d rc=%d", h && st().handles.count(h) ? h->iSlot : -1, rc));
+    addEvent(textf("reset dev=%d rc=%d", h && st().handles.count(h) ? h->iSlot : -1, rc));
     return rc ? fail(rc, "usb_reset") : 0;
 }
 
@@ -747,7 +734,7 @@ int usb_detach_kernel_driver_np(usb_dev_handle* h, int interface) {
     else if (!slot->bDriverAttached) rc = -ENODATA;
     else if (busy == 2) rc = -EPERM;
     else if (busy != 3) slot->bDriverAttached = false;  // busy 3: reports success, stays attached
-    addEvent(fmt("detach dev=%d iface=%d rc=%d", h->iSlot, interface, rc));
+    addEvent(textf("detach dev=%d iface=%d rc=%d", h->iSlot, interface, rc));
     return rc ? fail(rc, "usb_detach_kernel_driver_np") : 0;
 }
 
@@ -843,7 +830,7 @@ int usbsim_set_fault(int dev, const char* name, int value) {
     int f = usbsim::faultIndex(name);
     if (slotOf(dev, slot) || f < 0 || !usbsim::faultValueValid(f, value)) return -1;
     slot->engine->cfg.faults[f] = value;
-    addEvent(fmt("fault dev=%d %s=%d", dev, name, value));
+    addEvent(textf("fault dev=%d %s=%d", dev, name, value));
     if (f == usbsim::FAULT_BUSY) slot->bDriverAttached = value != 0;
     if (f == usbsim::FAULT_UNPLUG && value == 0) {
         slot->engine->cfg.faults[f] = -1;
@@ -881,7 +868,7 @@ int usbsim_inject(int dev, const unsigned char* data, int len) {
     Slot* slot = nullptr;
     if (slotOf(dev, slot) || (!data && len > 0) || len < 0) return -1;
     slot->engine->inject(data, len);
-    addEvent(fmt("inject dev=%d len=%d", dev, len));
+    addEvent(textf("inject dev=%d len=%d", dev, len));
     return 0;
 }
 
