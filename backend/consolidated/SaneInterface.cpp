@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -354,13 +353,46 @@ void setMode(int slot, const char* text) {
     g_modeList[slot] = g_szModes[slot];
 }
 
-void defineOption(int n, const char* name, const char* title, const char* desc, SANE_Value_Type type) {
-    SANE_Option_Descriptor& o = m_opt[n];
-    o.name = name;
-    o.title = title;
-    o.desc = desc;
-    o.type = type;
-    if (type == SANE_TYPE_STRING) o.size = OPTION_STRING_SIZE;
+struct OptionText {
+    const char* name;
+    const char* title;
+    const char* desc;
+    SANE_Value_Type type;  // background removal's depends on connection and family
+};
+
+const OptionText OPTION_TEXTS[QUARTO_NUM_OPTIONS] = {
+    {"", "Number of options", "Read-only option that specifies how many options a specific devices supports.",
+     SANE_TYPE_INT},
+    {"scanner-group", "Scanner", "", SANE_TYPE_GROUP},
+    {"ip-address", "IP Address", "The IP address / hostname associated with this scan job.", SANE_TYPE_STRING},
+    {"interface", "Interface", "The interface associated with this scan job.", SANE_TYPE_STRING},
+    {"profile-information-group", "Profile Information", "", SANE_TYPE_GROUP},
+    {"user-name", "User Name", "The user name associated with this scan job.", SANE_TYPE_STRING},
+    {"profile-name", "Profile Name", "The profile name associated with this scan job.", SANE_TYPE_STRING},
+    {"image-group", "Image Settings", "", SANE_TYPE_GROUP},
+    {"content-type", "Content Type", "Indicates the type of material to be scanned.", SANE_TYPE_STRING},
+    {"scan-resolution", "Resolution", "The resolution of the scan job in dots per inch.", SANE_TYPE_INT},
+    {"mode", "Color Depth", "The color depth of the scan job.", SANE_TYPE_STRING},
+    {"content-source", "Content Source", "Content Source.", SANE_TYPE_STRING},
+    {"original-size", "Original Size", "The size of the area to be scanned.", SANE_TYPE_STRING},
+    {"orientation", "Orientation", "The orientation of the scan output.", SANE_TYPE_STRING},
+    {"scan-both-sides", "Scan both sides", "Scan both sides of the document.", SANE_TYPE_BOOL},
+    {"scan-now", "Start Immediately", "Start scan operation immediately.", SANE_TYPE_BOOL},
+    {"source", "Scan source", "Indicates the number of pages to be scanned.", SANE_TYPE_STRING},
+    {"advanced-settings-group", "Advanced Settings", "", SANE_TYPE_GROUP},
+    {"brightness", "Brightness", "Adjusts the brightness setting for this scan.", SANE_TYPE_FIXED},
+    {"contrast", "Contrast", "Adjusts the contrast setting used for this scan.", SANE_TYPE_FIXED},
+    {"advance-imaging-group", "Advance Imaging", "", SANE_TYPE_GROUP},
+    {"mirrorimage", "Mirror Image", "Scans the image then rotates it 180 degrees horizontally.", SANE_TYPE_BOOL},
+    {"negativeimage", "Negative Image", "Negative Image.", SANE_TYPE_BOOL},
+    {"colordropout", "Color Dropout", "Color Dropout.", SANE_TYPE_STRING},
+    {"colordropoutthreshold", "Color Dropout Threshold", "Color Dropout Threshold.", SANE_TYPE_FIXED},
+    {"bkgremoval", "Background Removal", "Background Removal.", SANE_TYPE_BOOL},
+    {"reset", "Reset", "Resets advance imaging options to its default value.", SANE_TYPE_BUTTON}};
+
+void setType(int n, SANE_Value_Type type) {
+    m_opt[n].type = type;
+    m_opt[n].size = type == SANE_TYPE_STRING ? OPTION_STRING_SIZE : (SANE_Int)sizeof(SANE_Word);
 }
 
 void setStringList(int n, const SANE_String_Const* list) {
@@ -498,43 +530,28 @@ void GetListValues(ScanLib* session) {
 void InitOptions(ScanLib* session) {
     LOG_METHOD_START();
     const bool usb = iUsb != 0;
-    const int boxKind = session->GetIntValue("BOXKIND");
-    const bool isd = boxKind == BOXKIND_ISD;
+    const bool isd = session->GetIntValue("BOXKIND") == BOXKIND_ISD;
     const bool usbPssd = usb && !isd;
 
-    for (SANE_Option_Descriptor& o : m_opt) {
+    for (int n = 0; n < QUARTO_NUM_OPTIONS; ++n) {
+        SANE_Option_Descriptor& o = m_opt[n];
         o = SANE_Option_Descriptor();
-        o.size = sizeof(SANE_Word);
+        o.name = OPTION_TEXTS[n].name;
+        o.title = OPTION_TEXTS[n].title;
+        o.desc = OPTION_TEXTS[n].desc;
         o.cap = CAP_DEFAULT;
+        setType(n, OPTION_TEXTS[n].type);
     }
-
-    defineOption(OPT_NUM_OPTS, "", "Number of options",
-                 "Read-only option that specifies how many options a specific devices supports.", SANE_TYPE_INT);
     m_opt[OPT_NUM_OPTS].cap = SANE_CAP_SOFT_DETECT;
-
-    defineOption(OPT_SCANNER_GROUP, "scanner-group", "Scanner", "", SANE_TYPE_GROUP);
-    defineOption(OPT_IP_ADDRESS, "ip-address", "IP Address", "The IP address / hostname associated with this scan job.",
-                 SANE_TYPE_STRING);
-    setInactive(OPT_IP_ADDRESS, !(iPseudo == 1 && !usb));
-    defineOption(OPT_INTERFACE, "interface", "Interface", "The interface associated with this scan job.",
-                 SANE_TYPE_STRING);
     m_opt[OPT_INTERFACE].cap = SANE_CAP_INACTIVE;
+    m_opt[OPT_ADVANCE_IMAGING_GROUP].cap = SANE_CAP_ADVANCED;
+    if (!usb) m_opt[OPT_ADVANCED_GROUP].cap = 0;
 
-    defineOption(OPT_PROFILE_GROUP, "profile-information-group", "Profile Information", "", SANE_TYPE_GROUP);
-    defineOption(OPT_USER_NAME, "user-name", "User Name", "The user name associated with this scan job.",
-                 SANE_TYPE_STRING);
+    setInactive(OPT_IP_ADDRESS, !(iPseudo == 1 && !usb));
     setInactive(OPT_USER_NAME, usb);
-    defineOption(OPT_PROFILE_NAME, "profile-name", "Profile Name", "The profile name associated with this scan job.",
-                 SANE_TYPE_STRING);
     setInactive(OPT_PROFILE_NAME, usb);
-
-    defineOption(OPT_IMAGE_GROUP, "image-group", "Image Settings", "", SANE_TYPE_GROUP);
-    defineOption(OPT_CONTENT_TYPE, "content-type", "Content Type", "Indicates the type of material to be scanned.",
-                 SANE_TYPE_STRING);
     setStringList(OPT_CONTENT_TYPE, CONTENT_TYPE_LIST);
 
-    defineOption(OPT_RESOLUTION, "scan-resolution", "Resolution", "The resolution of the scan job in dots per inch.",
-                 SANE_TYPE_INT);
     m_opt[OPT_RESOLUTION].unit = SANE_UNIT_DPI;
     if (!usb)
         setWordList(OPT_RESOLUTION, NETWORK_RESOLUTION_LIST);
@@ -544,18 +561,15 @@ void InitOptions(ScanLib* session) {
     else
         setWordList(OPT_RESOLUTION, g_resolutionList.data());
 
-    defineOption(OPT_MODE, "mode", "Color Depth", "The color depth of the scan job.", SANE_TYPE_STRING);
     setStringList(OPT_MODE, usb ? g_modeList : NETWORK_MODE_LIST);
 
-    defineOption(OPT_DOC_SOURCE, "content-source", "Content Source", "Content Source.", SANE_TYPE_STRING);
     setStringList(OPT_DOC_SOURCE, !usb ? NETWORK_DOC_SOURCE_LIST : (isd ? ISD_DOC_SOURCE_LIST : usbDocSourceList()));
     const int originalDocs = session->GetIntValue("ORIGINALDOCUMENTSUPPORT");
     setInactive(OPT_DOC_SOURCE, usbPssd && (originalDocs == 0 || originalDocs == -1));
 
-    defineOption(OPT_ORIGINAL_SIZE, "original-size", "Original Size",
-                 (usb && isd) ? "The size of the area to be scanned. Values will change depending on the scan source."
-                              : "The size of the area to be scanned.",
-                 SANE_TYPE_STRING);
+    if (usb && isd)
+        m_opt[OPT_ORIGINAL_SIZE].desc =
+            "The size of the area to be scanned. Values will change depending on the scan source.";
     if (!usb) {
         network_page_sizes = PageSizeList();
         for (const PageSize& p : NETWORK_PAGE_SIZES) appendPageSize(network_page_sizes, p.szName, p.dBrx, p.dBry);
@@ -569,60 +583,37 @@ void InitOptions(ScanLib* session) {
     }
     setStringList(OPT_ORIGINAL_SIZE, pPageSizes->names);
 
-    defineOption(OPT_ORIENTATION, "orientation", "Orientation", "The orientation of the scan output.",
-                 SANE_TYPE_STRING);
     setStringList(OPT_ORIENTATION, usb ? USB_ORIENTATION_LIST : NETWORK_ORIENTATION_LIST);
-    defineOption(OPT_SCAN_BOTH_SIDES, "scan-both-sides", "Scan both sides", "Scan both sides of the document.",
-                 SANE_TYPE_BOOL);
     setInactive(OPT_SCAN_BOTH_SIDES, usb);
-    defineOption(OPT_SCAN_NOW, "scan-now", "Start Immediately", "Start scan operation immediately.", SANE_TYPE_BOOL);
     setInactive(OPT_SCAN_NOW, usb);
-    defineOption(OPT_SOURCE, "source", "Scan source",
-                 usb ? "The source of the document to be scanned (ex: flatbed)."
-                     : "Indicates the number of pages to be scanned.",
-                 SANE_TYPE_STRING);
+    if (usb) m_opt[OPT_SOURCE].desc = "The source of the document to be scanned (ex: flatbed).";
     setStringList(OPT_SOURCE, usb ? USB_SOURCE_LIST : NETWORK_SOURCE_LIST);
 
-    defineOption(OPT_ADVANCED_GROUP, "advanced-settings-group", "Advanced Settings", "", SANE_TYPE_GROUP);
-    if (!usb) m_opt[OPT_ADVANCED_GROUP].cap = 0;
     setInactive(OPT_ADVANCED_GROUP, usb);
-    defineOption(OPT_BRIGHTNESS, "brightness", "Brightness", "Adjusts the brightness setting for this scan.",
-                 SANE_TYPE_FIXED);
     setRange(OPT_BRIGHTNESS, isd ? &RANGE_ISD_ADJUST : &RANGE_BRIGHTNESS);
     setInactive(OPT_BRIGHTNESS, usbPssd && session->GetIntValue("PSSDBRIGHTNESS") == 0);
-    defineOption(OPT_CONTRAST, "contrast", "Contrast", "Adjusts the contrast setting used for this scan.",
-                 SANE_TYPE_FIXED);
     setRange(OPT_CONTRAST, isd ? &RANGE_ISD_ADJUST : &RANGE_CONTRAST);
     setInactive(OPT_CONTRAST, usbPssd && session->GetIntValue("PSSDCONTRAST") == 0);
 
-    defineOption(OPT_ADVANCE_IMAGING_GROUP, "advance-imaging-group", "Advance Imaging", "", SANE_TYPE_GROUP);
-    m_opt[OPT_ADVANCE_IMAGING_GROUP].cap = SANE_CAP_ADVANCED;
     const bool capabilityGated = usb || isd;
-    defineOption(OPT_MIRROR_IMAGE, "mirrorimage", "Mirror Image",
-                 "Scans the image then rotates it 180 degrees horizontally.", SANE_TYPE_BOOL);
     setInactive(OPT_MIRROR_IMAGE, capabilityGated && session->GetIntValue("MIRRORIMAGE") == 0);
-    defineOption(OPT_NEGATIVE_IMAGE, "negativeimage", "Negative Image", "Negative Image.", SANE_TYPE_BOOL);
     setInactive(OPT_NEGATIVE_IMAGE, capabilityGated && session->GetIntValue("NEGATIVEIMAGESUPPORT") == 0);
-    defineOption(OPT_COLOR_DROPOUT, "colordropout", "Color Dropout", "Color Dropout.", SANE_TYPE_STRING);
     setStringList(OPT_COLOR_DROPOUT, COLOR_DROPOUT_LIST);
     setInactive(OPT_COLOR_DROPOUT, capabilityGated && session->GetIntValue("COLORDROPOUT") == 0);
-    defineOption(OPT_COLOR_DROPOUT_THRESHOLD, "colordropoutthreshold", "Color Dropout Threshold",
-                 "Color Dropout Threshold.", SANE_TYPE_FIXED);
     setRange(OPT_COLOR_DROPOUT_THRESHOLD, &RANGE_DROPOUT_THRESHOLD);
     setInactive(OPT_COLOR_DROPOUT_THRESHOLD, true);
 
     // Over USB the second family gets no list here: the option stays a plain
     // BOOL, as a fresh table has it.
-    defineOption(OPT_BKG_REMOVAL, "bkgremoval", "Background Removal", "Background Removal.",
-                 isd ? SANE_TYPE_STRING : (usb ? SANE_TYPE_BOOL : SANE_TYPE_FIXED));
-    if (isd)
+    if (isd) {
+        setType(OPT_BKG_REMOVAL, SANE_TYPE_STRING);
         setStringList(OPT_BKG_REMOVAL, BKG_REMOVAL_LIST);
-    else if (!usb)
+    } else if (!usb) {
+        setType(OPT_BKG_REMOVAL, SANE_TYPE_FIXED);
         setRange(OPT_BKG_REMOVAL, &RANGE_BKG_REMOVAL);
+    }
     // The capability key ends in a lower-case l, as the feature files spell it.
     setInactive(OPT_BKG_REMOVAL, usb && session->GetIntValue("BACKGROUNDREMOVAl") == 0);
-
-    defineOption(OPT_RESET, "reset", "Reset", "Resets advance imaging options to its default value.", SANE_TYPE_BUTTON);
     setInactive(OPT_RESET, usb);
     LOG_METHOD_END();
 }
@@ -741,85 +732,76 @@ void applyColorDropoutDependencies(ScanLib* s) {
         setInactive(OPT_COLOR_DROPOUT_THRESHOLD, true);
 }
 
+// How an option's value crosses the interface and which store key holds it.
+enum ValueKind {
+    KIND_NONE,    // no value (groups, "interface")
+    KIND_COUNT,   // the number of options, read-only
+    KIND_TEXT,    // a string, stored as it is
+    KIND_INT,     // a word, stored as it is
+    KIND_LIST,    // the text of a list entry, stored as its index
+    KIND_FIXED,   // 16.16 fixed point, stored as a whole number
+    KIND_BOOL,    // stored as given, read back shifted like FIXED
+    KIND_BUTTON   // no value
+};
+
+struct OptionKey {
+    ValueKind kind;
+    const char* key;
+};
+
+const OptionKey OPTION_KEYS[QUARTO_NUM_OPTIONS] = {
+    {KIND_COUNT, nullptr},        {KIND_NONE, nullptr},        {KIND_TEXT, "IPADDRESS"},
+    {KIND_NONE, nullptr},         {KIND_NONE, nullptr},        {KIND_TEXT, "USERNAME"},
+    {KIND_TEXT, "PROFILENAME"},   {KIND_NONE, nullptr},        {KIND_LIST, "CONTENTTYPE"},
+    {KIND_INT, "CURRENTDPI"},     {KIND_LIST, "COLORDEPTH"},   {KIND_LIST, "DOCUMENTSOURCE"},
+    {KIND_LIST, "ORIGINALSIZE"},  {KIND_LIST, "ORIENTATION"},  {KIND_BOOL, "SCANBOTHSIDES"},
+    {KIND_BOOL, "SCAN_NOW"},      {KIND_LIST, "SCAN_SOURCE"},  {KIND_NONE, nullptr},
+    {KIND_FIXED, "BRIGHTNESS"},   {KIND_FIXED, "CONTRAST"},    {KIND_NONE, nullptr},
+    {KIND_BOOL, "MIRRORIMAGE"},   {KIND_BOOL, "NEGATIVEIMAGE"}, {KIND_LIST, "COLORDROPOUT"},
+    {KIND_FIXED, "COLORDROPOUTTHRESHOLD"}, {KIND_LIST, "BKGREMOVAL"}, {KIND_BUTTON, nullptr}};
+
+// Background removal is a list or a FIXED range, as its descriptor says.
+ValueKind valueKind(int n) {
+    if (n == OPT_BKG_REMOVAL && m_opt[n].constraint_type != SANE_CONSTRAINT_STRING_LIST) return KIND_FIXED;
+    return OPTION_KEYS[n].kind;
+}
+
 SANE_Status getOption(ScanLib* s, int n, void* value) {
-    switch (n) {
-        case OPT_NUM_OPTS:
+    const char* key = OPTION_KEYS[n].key;
+    switch (valueKind(n)) {
+        case KIND_COUNT:
             word(value) = QUARTO_NUM_OPTIONS;
             break;
-        case OPT_IP_ADDRESS:
-            if (iPseudo == 1)
-                writeString(n, value, s->GetStringValue("IPADDRESS"));
-            else
+        case KIND_TEXT: {
+            const char* text = s->GetStringValue(key);
+            if (n == OPT_IP_ADDRESS && iPseudo != 1) {
                 LOG_DEBUG("option: OPT_IP_ADDRESS; not supported for this type of device");
-            break;
-        case OPT_USER_NAME: {
-            const char* name = s->GetStringValue("USERNAME");
-            if (name != nullptr && strcmp(name, "current") == 0)
+            } else if (n == OPT_USER_NAME && text != nullptr && strcmp(text, "current") == 0) {
                 writeString(n, value, loginName().c_str());
-            else
-                writeString(n, value, name);
+            } else {
+                writeString(n, value, text);
+            }
             break;
         }
-        case OPT_PROFILE_NAME:
-            writeString(n, value, s->GetStringValue("PROFILENAME"));
+        case KIND_INT:
+            word(value) = s->GetIntValue(key);
             break;
-        case OPT_CONTENT_TYPE:
-            writeListEntry(n, value, s->GetIntValue("CONTENTTYPE"));
-            break;
-        case OPT_RESOLUTION:
-            word(value) = s->GetIntValue("CURRENTDPI");
-            break;
-        case OPT_MODE:
-            writeListEntry(n, value, s->GetIntValue("COLORDEPTH"));
-            break;
-        case OPT_DOC_SOURCE:
-            if (m_opt[n].cap & SANE_CAP_INACTIVE)
+        case KIND_LIST:
+            if (n == OPT_DOC_SOURCE && (m_opt[n].cap & SANE_CAP_INACTIVE)) {
                 LOG_DEBUG("OPT_DOC_SOURCE is deactivated");
-            else
-                writeListEntry(n, value, s->GetIntValue("DOCUMENTSOURCE"));
-            break;
-        case OPT_ORIGINAL_SIZE:
-            writeListEntry(n, value, s->GetIntValue("ORIGINALSIZE"));
-            break;
-        case OPT_ORIENTATION:
-            writeListEntry(n, value, s->GetIntValue("ORIENTATION"));
+            } else if (n == OPT_SOURCE) {
+                writeListEntry(n, value, s->GetIntValue(key) == SOURCE_ADF ? 1 : 0);
+            } else {
+                writeListEntry(n, value, s->GetIntValue(key));
+            }
             break;
         // The BOOL options read back shifted like FIXED values (1 reads as
         // 65536) although they are stored as given: intended.
-        case OPT_SCAN_BOTH_SIDES:
-            word(value) = toFixed(s->GetIntValue("SCANBOTHSIDES"));
+        case KIND_FIXED:
+        case KIND_BOOL:
+            word(value) = toFixed(s->GetIntValue(key));
             break;
-        case OPT_SCAN_NOW:
-            word(value) = toFixed(s->GetIntValue("SCAN_NOW"));
-            break;
-        case OPT_MIRROR_IMAGE:
-            word(value) = toFixed(s->GetIntValue("MIRRORIMAGE"));
-            break;
-        case OPT_NEGATIVE_IMAGE:
-            word(value) = toFixed(s->GetIntValue("NEGATIVEIMAGE"));
-            break;
-        case OPT_SOURCE:
-            writeListEntry(n, value, s->GetIntValue("SCAN_SOURCE") == SOURCE_ADF ? 1 : 0);
-            break;
-        case OPT_BRIGHTNESS:
-            word(value) = toFixed(s->GetIntValue("BRIGHTNESS"));
-            break;
-        case OPT_CONTRAST:
-            word(value) = toFixed(s->GetIntValue("CONTRAST"));
-            break;
-        case OPT_COLOR_DROPOUT:
-            writeListEntry(n, value, s->GetIntValue("COLORDROPOUT"));
-            break;
-        case OPT_COLOR_DROPOUT_THRESHOLD:
-            word(value) = toFixed(s->GetIntValue("COLORDROPOUTTHRESHOLD"));
-            break;
-        case OPT_BKG_REMOVAL:
-            if (m_opt[n].constraint_type == SANE_CONSTRAINT_STRING_LIST)
-                writeListEntry(n, value, s->GetIntValue("BKGREMOVAL"));
-            else
-                word(value) = toFixed(s->GetIntValue("BKGREMOVAL"));
-            break;
-        case OPT_RESET:
+        case KIND_BUTTON:
             break;
         default:
             LOG_DEBUG("unknown option");
@@ -828,115 +810,98 @@ SANE_Status getOption(ScanLib* s, int n, void* value) {
     return SANE_STATUS_GOOD;
 }
 
-SANE_Status setOption(ScanLib* s, int n, void* value, int index, SANE_Int* info) {
-    SANE_Int flags = 0;
-    switch (n) {
-        case OPT_NUM_OPTS:
-            break;
-        case OPT_IP_ADDRESS:
-            if (iPseudo == 1)
-                s->SetStringValue("IPADDRESS", readString(n, value).c_str());
-            else
-                LOG_DEBUG("option: OPT_IP_ADDRESS; not supported for this type of device");
-            break;
-        case OPT_USER_NAME:
-        case OPT_PROFILE_NAME: {
-            const std::string name = readString(n, value);
-            if (!ScanLib::isValidName(name.c_str())) {
-                LOG_DEBUG("invalid name %s", name.c_str());
-                return SANE_STATUS_INVAL;
+void resetImagingOptions(ScanLib* s) {
+    s->SetIntValue("BKGREMOVAL", 0);
+    s->SetIntValue("MIRRORIMAGE", 0);
+    s->SetIntValue("NEGATIVEIMAGE", 0);
+    s->SetIntValue("COLORDROPOUT", 0);
+    s->SetIntValue("COLORDROPOUTTHRESHOLD", DEFAULT_DROPOUT_THRESHOLD);
+    setInactive(OPT_NEGATIVE_IMAGE, false);
+    setInactive(OPT_COLOR_DROPOUT_THRESHOLD, true);
+}
+
+// Stores the value; false when it is refused.
+bool storeOption(ScanLib* s, int n, void* value, int index) {
+    const char* key = OPTION_KEYS[n].key;
+    switch (valueKind(n)) {
+        case KIND_TEXT: {
+            const std::string text = readString(n, value);
+            if (n == OPT_IP_ADDRESS) {
+                if (iPseudo == 1)
+                    s->SetStringValue(key, text.c_str());
+                else
+                    LOG_DEBUG("option: OPT_IP_ADDRESS; not supported for this type of device");
+                return true;
             }
-            s->SetStringValue(n == OPT_USER_NAME ? "USERNAME" : "PROFILENAME", name.c_str());
-            break;
+            if (!ScanLib::isValidName(text.c_str())) {
+                LOG_DEBUG("invalid name %s", text.c_str());
+                return false;
+            }
+            s->SetStringValue(key, text.c_str());
+            return true;
         }
-        case OPT_CONTENT_TYPE:
-            s->SetIntValue("CONTENTTYPE", index);
-            break;
+        case KIND_LIST:
+            if (n == OPT_COLOR_DROPOUT && iUsb != 0) return true;  // not offered over USB
+            // The position in the list offered is what is stored (for "mode" the
+            // position in the device's list).
+            s->SetIntValue(key, n == OPT_SOURCE ? (index != 0 ? SOURCE_ADF : 0) : index);
+            return true;
+        case KIND_INT:
+        case KIND_BOOL:
+            s->SetIntValue(key, word(value));
+            return true;
+        case KIND_FIXED:
+            s->SetIntValue(key, fromFixed(word(value)));
+            return true;
+        case KIND_COUNT:
+            return true;
+        case KIND_BUTTON:
+            if (iUsb == 0) resetImagingOptions(s);
+            return true;
+        default:
+            LOG_DEBUG("unknown option");
+            return false;
+    }
+}
+
+// What a stored value changes beyond its key, as SANE info bits.
+SANE_Int applyOption(ScanLib* s, int n, int index) {
+    switch (n) {
         case OPT_RESOLUTION:
-            s->SetIntValue("CURRENTDPI", word(value));
             iDpi = s->GetIntValue("CURRENTDPI");
-            flags = SANE_INFO_RELOAD_PARAMS;
-            break;
+            return SANE_INFO_RELOAD_PARAMS;
         case OPT_MODE:
-            // The position in the list the device offers is what is stored.
-            s->SetIntValue("COLORDEPTH", index);
             if (iUsb == 0) applyModeDependencies(s);
-            flags = RELOAD_ALL;
-            break;
-        case OPT_DOC_SOURCE:
-            s->SetIntValue("DOCUMENTSOURCE", index);
-            break;
+            return RELOAD_ALL;
         case OPT_ORIGINAL_SIZE:
-            s->SetIntValue("ORIGINALSIZE", index);
             if (iUsb != 0) {
                 s->SetDoubleValue("CURRENTTLY", 0.0);
                 s->SetDoubleValue("CURRENTTLX", 0.0);
                 s->SetDoubleValue("CURRENTBRX", currentBrx(index));
                 s->SetDoubleValue("CURRENTBRY", currentBry(index));
             }
-            flags = RELOAD_ALL;
-            break;
-        case OPT_ORIENTATION:
-            s->SetIntValue("ORIENTATION", index);
-            break;
-        case OPT_SCAN_BOTH_SIDES:
-            s->SetIntValue("SCANBOTHSIDES", word(value));
-            break;
-        case OPT_SCAN_NOW:
-            s->SetIntValue("SCAN_NOW", word(value));
-            break;
-        case OPT_MIRROR_IMAGE:
-            s->SetIntValue("MIRRORIMAGE", word(value));
-            break;
-        case OPT_NEGATIVE_IMAGE:
-            s->SetIntValue("NEGATIVEIMAGE", word(value));
-            break;
+            return RELOAD_ALL;
         case OPT_SOURCE:
-            s->SetIntValue("SCAN_SOURCE", index != 0 ? SOURCE_ADF : 0);
             if (iUsb != 0 && s->GetIntValue("BOXKIND") == BOXKIND_ISD) {
                 LOG_DEBUG("indicating to SANE frontend to reload options and reload params");
-                flags = RELOAD_ALL;
-            } else {
-                LOG_DEBUG("NOT indicating to SANE frontend to reload options and reload params");
+                return RELOAD_ALL;
             }
-            break;
-        case OPT_BRIGHTNESS:
-            s->SetIntValue("BRIGHTNESS", fromFixed(word(value)));
-            break;
-        case OPT_CONTRAST:
-            s->SetIntValue("CONTRAST", fromFixed(word(value)));
-            break;
+            LOG_DEBUG("NOT indicating to SANE frontend to reload options and reload params");
+            return 0;
         case OPT_COLOR_DROPOUT:
-            if (iUsb == 0) {
-                s->SetIntValue("COLORDROPOUT", index);
-                applyColorDropoutDependencies(s);
-                flags = RELOAD_ALL;
-            }
-            break;
-        case OPT_COLOR_DROPOUT_THRESHOLD:
-            s->SetIntValue("COLORDROPOUTTHRESHOLD", fromFixed(word(value)));
-            break;
-        case OPT_BKG_REMOVAL:
-            s->SetIntValue("BKGREMOVAL", m_opt[n].constraint_type == SANE_CONSTRAINT_STRING_LIST
-                                             ? index
-                                             : fromFixed(word(value)));
-            break;
+            if (iUsb != 0) return 0;
+            applyColorDropoutDependencies(s);
+            return RELOAD_ALL;
         case OPT_RESET:
-            if (iUsb == 0) {
-                s->SetIntValue("BKGREMOVAL", 0);
-                s->SetIntValue("MIRRORIMAGE", 0);
-                s->SetIntValue("NEGATIVEIMAGE", 0);
-                s->SetIntValue("COLORDROPOUT", 0);
-                s->SetIntValue("COLORDROPOUTTHRESHOLD", DEFAULT_DROPOUT_THRESHOLD);
-                setInactive(OPT_NEGATIVE_IMAGE, false);
-                setInactive(OPT_COLOR_DROPOUT_THRESHOLD, true);
-                flags = RELOAD_ALL;
-            }
-            break;
+            return iUsb == 0 ? RELOAD_ALL : 0;
         default:
-            LOG_DEBUG("unknown option");
-            return SANE_STATUS_INVAL;
+            return 0;
     }
+}
+
+SANE_Status setOption(ScanLib* s, int n, void* value, int index, SANE_Int* info) {
+    if (!storeOption(s, n, value, index)) return SANE_STATUS_INVAL;
+    const SANE_Int flags = applyOption(s, n, index);
     if (info != nullptr) *info |= flags;
     return SANE_STATUS_GOOD;
 }
@@ -1064,6 +1029,19 @@ SANE_Status sane_ScanLib_control_option(SANE_Handle handle, SANE_Int n, SANE_Act
     return status;
 }
 
+// Format, depth and bytes per line of a frame of the given colour depth; any
+// depth other than grey and colour is line art with the bytes given.
+static void setFrameFormat(SANE_Parameters* params, int depth, int lineArtBytes) {
+    params->format = depth == DEPTH_COLOR ? SANE_FRAME_RGB : SANE_FRAME_GRAY;
+    params->depth = (depth == DEPTH_GRAY || depth == DEPTH_COLOR) ? 8 : 1;
+    if (depth == DEPTH_GRAY)
+        params->bytes_per_line = params->pixels_per_line;
+    else if (depth == DEPTH_COLOR)
+        params->bytes_per_line = 3 * params->pixels_per_line;
+    else
+        params->bytes_per_line = lineArtBytes;
+}
+
 SANE_Status sane_ScanLib_get_parameters(SANE_Handle handle, SANE_Parameters* params) {
     SANEIF_START();
     ScanLib* s = liveSession(handle);
@@ -1080,19 +1058,10 @@ SANE_Status sane_ScanLib_get_parameters(SANE_Handle handle, SANE_Parameters* par
         s->SetIntValue("CURRENTDPI", s->GetIntValue("PREVIEW") == 1 ? PREVIEW_DPI : iDpi);
         params->pixels_per_line = s->GetIntValue("PIXELS_PER_LINE");
         params->lines = s->GetIntValue("LINES");
-        if (depth == DEPTH_LINEART) {
-            params->format = SANE_FRAME_GRAY;
-            params->depth = 1;
-            params->bytes_per_line = (params->pixels_per_line + 7) / 8;
-        } else if (depth == DEPTH_GRAY) {
-            params->format = SANE_FRAME_GRAY;
-            params->depth = 8;
-            params->bytes_per_line = params->pixels_per_line;
-        } else if (depth == DEPTH_COLOR) {
-            params->format = SANE_FRAME_RGB;
-            params->depth = 8;
-            params->bytes_per_line = 3 * params->pixels_per_line;
-        }
+        // Line art rounds up to whole bytes; another depth leaves the frame
+        // format unwritten.
+        if (depth == DEPTH_LINEART || depth == DEPTH_GRAY || depth == DEPTH_COLOR)
+            setFrameFormat(params, depth, (params->pixels_per_line + 7) / 8);
         s->SetIntValue("CURRENTDPI", iDpi);
     } else {
         LOG_DEBUG("SaneInterface::get_params Network");
@@ -1105,21 +1074,9 @@ SANE_Status sane_ScanLib_get_parameters(SANE_Handle handle, SANE_Parameters* par
             params->pixels_per_line = s->GetIntValue("SCANWIDTH");
             params->lines = s->GetIntValue("LINES");
         }
-        if (depth == DEPTH_GRAY) {
-            params->format = SANE_FRAME_GRAY;
-            params->depth = 8;
-            params->bytes_per_line = params->pixels_per_line;
-        } else if (depth == DEPTH_COLOR) {
-            params->format = SANE_FRAME_RGB;
-            params->depth = 8;
-            params->bytes_per_line = 3 * params->pixels_per_line;
-        } else {
-            // Rounded down, unlike USB: the network image width is a multiple
-            // of 8. Intended.
-            params->format = SANE_FRAME_GRAY;
-            params->depth = 1;
-            params->bytes_per_line = params->pixels_per_line / 8;
-        }
+        // Line art (any depth other than grey and colour) rounds down, unlike
+        // USB: the network image width is a multiple of 8. Intended.
+        setFrameFormat(params, depth, params->pixels_per_line / 8);
     }
     params->last_frame = SANE_TRUE;
     LOG_DEBUG("dump in para bytes %d", s->GetIntValue("BYTES_PER_LINE"));

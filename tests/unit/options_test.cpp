@@ -207,8 +207,6 @@ struct OptionRow {
     SANE_Constraint_Type constraint;
 };
 
-const SANE_Value_Type BKG = SANE_Value_Type(-1);  // differs per model, see TableCase
-const SANE_Constraint_Type BKG_C = SANE_Constraint_Type(-1);
 const SANE_Constraint_Type NONE = SANE_CONSTRAINT_NONE;
 const SANE_Constraint_Type SLIST = SANE_CONSTRAINT_STRING_LIST;
 const SANE_Constraint_Type RANGE = SANE_CONSTRAINT_RANGE;
@@ -239,7 +237,7 @@ const OptionRow OPTION_ROWS[27] = {
     {"negativeimage", "Negative Image", SANE_TYPE_BOOL, NONE},
     {"colordropout", "Color Dropout", SANE_TYPE_STRING, SLIST},
     {"colordropoutthreshold", "Color Dropout Threshold", SANE_TYPE_FIXED, RANGE},
-    {"bkgremoval", "Background Removal", BKG, BKG_C},
+    {"bkgremoval", "Background Removal", SANE_TYPE_BOOL, NONE},  // per model: TableCase
     {"reset", "Reset", SANE_TYPE_BUTTON, NONE},
 };
 
@@ -267,9 +265,9 @@ TEST_P(OptionTable, NamesTitlesTypesCapabilitiesAndConstraints) {
         EXPECT_STREQ(row.name, d.name);
         EXPECT_STREQ(row.title, d.title);
         ASSERT_NE(nullptr, d.desc);
-        SANE_Value_Type type = row.type == BKG ? c.bkgType : row.type;
+        SANE_Value_Type type = n == O_BKG ? c.bkgType : row.type;
         EXPECT_EQ(type, d.type);
-        EXPECT_EQ(row.constraint == BKG_C ? c.bkgConstraint : row.constraint, d.constraint_type);
+        EXPECT_EQ(n == O_BKG ? c.bkgConstraint : row.constraint, d.constraint_type);
         EXPECT_EQ(type == SANE_TYPE_STRING ? 50 : 4, d.size);
         EXPECT_EQ(n == O_RES ? SANE_UNIT_DPI : SANE_UNIT_NONE, d.unit);
         EXPECT_EQ(c.caps[n], d.cap);
@@ -619,12 +617,25 @@ TEST_F(Options, CurrentUserNameReadsAsTheLoginName) {
 // Frame parameters over USB
 // ---------------------------------------------------------------------------
 
+struct Frame {
+    SANE_Frame format;
+    int depth, pixels, lines, bytes;
+};
+
+void expectFrame(const Frame& f, const SANE_Parameters& p) {
+    EXPECT_EQ(f.format, p.format);
+    EXPECT_EQ(f.depth, p.depth);
+    EXPECT_EQ(f.pixels, p.pixels_per_line);
+    EXPECT_EQ(f.lines, p.lines);
+    EXPECT_EQ(f.bytes, p.bytes_per_line);
+    EXPECT_EQ(SANE_TRUE, p.last_frame);
+}
+
 struct ParamCase {
     const char* device;
     const char* mode;
     bool preview;
-    SANE_Frame format;
-    int depth, pixels, lines, bytes;
+    Frame frame;
 };
 
 class UsbParameters : public Options, public ::testing::WithParamInterface<ParamCase> {};
@@ -636,13 +647,7 @@ TEST_P(UsbParameters, FollowResolutionModeAndSize) {
     ASSERT_EQ(SANE_STATUS_GOOD, setWord(O_RES, 182));
     ASSERT_EQ(SANE_STATUS_GOOD, setString(O_MODE, c.mode));
     ASSERT_EQ(SANE_STATUS_GOOD, setString(O_SIZE, "Statement"));  // 139.7 x 215.9 mm
-    SANE_Parameters p = parameters();
-    EXPECT_EQ(c.format, p.format);
-    EXPECT_EQ(c.depth, p.depth);
-    EXPECT_EQ(c.pixels, p.pixels_per_line);
-    EXPECT_EQ(c.lines, p.lines);
-    EXPECT_EQ(c.bytes, p.bytes_per_line);
-    EXPECT_EQ(SANE_TRUE, p.last_frame);
+    expectFrame(c.frame, parameters());
     // A preview computes at 75 dpi but leaves the user's resolution.
     EXPECT_EQ(182, getWord(O_RES));
 }
@@ -651,14 +656,14 @@ INSTANTIATE_TEST_SUITE_P(
     Frames, UsbParameters,
     ::testing::Values(
         // 5.5 in x 182 dpi = 1001 pixels; line art rounds the bytes up.
-        ParamCase{DEV_4200, "1-bit Black & White", false, SANE_FRAME_GRAY, 1, 1001, 1547, 126},
-        ParamCase{DEV_4200, "8-bit Grayscale", false, SANE_FRAME_GRAY, 8, 1001, 1547, 1001},
-        ParamCase{DEV_4200, "24-bit Color", false, SANE_FRAME_RGB, 8, 1001, 1547, 3003},
-        ParamCase{DEV_5100, "1-bit Black & White", false, SANE_FRAME_GRAY, 1, 1001, 1547, 126},
+        ParamCase{DEV_4200, "1-bit Black & White", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}},
+        ParamCase{DEV_4200, "8-bit Grayscale", false, {SANE_FRAME_GRAY, 8, 1001, 1547, 1001}},
+        ParamCase{DEV_4200, "24-bit Color", false, {SANE_FRAME_RGB, 8, 1001, 1547, 3003}},
+        ParamCase{DEV_5100, "1-bit Black & White", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}},
         // Preview at 75 dpi: 412.5 x 637.5 pixels, rounded on the second
         // family and cut down on the all-in-one family.
-        ParamCase{DEV_4200, "24-bit Color", true, SANE_FRAME_RGB, 8, 413, 638, 1239},
-        ParamCase{DEV_5100, "1-bit Black & White", true, SANE_FRAME_GRAY, 1, 412, 637, 52}));
+        ParamCase{DEV_4200, "24-bit Color", true, {SANE_FRAME_RGB, 8, 413, 638, 1239}},
+        ParamCase{DEV_5100, "1-bit Black & White", true, {SANE_FRAME_GRAY, 1, 412, 637, 52}}));
 
 // ---------------------------------------------------------------------------
 // What the device receives
@@ -772,8 +777,7 @@ TEST_F(Options, NetworkResetRestoresImagingDefaults) {
 struct NetParamCase {
     int depth;
     const char* extra;  // measured sizes the network transport would store
-    SANE_Frame format;
-    int bitDepth, pixels, lines, bytes;
+    Frame frame;
 };
 
 class NetworkParameters : public Options, public ::testing::WithParamInterface<NetParamCase> {};
@@ -782,23 +786,18 @@ TEST_P(NetworkParameters, UseTheMeasuredImage) {
     const NetParamCase& c = GetParam();
     writeConfiguration(std::string("[INTEGERS]\nCOLORDEPTH=") + std::to_string(c.depth) + "\n" + c.extra);
     openDevice(DEV_NET);
-    SANE_Parameters p = parameters();
-    EXPECT_EQ(c.format, p.format);
-    EXPECT_EQ(c.bitDepth, p.depth);
-    EXPECT_EQ(c.pixels, p.pixels_per_line);
-    EXPECT_EQ(c.lines, p.lines);
-    EXPECT_EQ(c.bytes, p.bytes_per_line);
+    expectFrame(c.frame, parameters());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Network, NetworkParameters,
     ::testing::Values(
         // Line art rounds down over the network.
-        NetParamCase{0, "WIDTH_SCAN=1001\nHEIGHT_SCAN=40\n", SANE_FRAME_GRAY, 1, 1001, 40, 125},
-        NetParamCase{1, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\n", SANE_FRAME_GRAY, 8, 640, 30, 640},
+        NetParamCase{0, "WIDTH_SCAN=1001\nHEIGHT_SCAN=40\n", {SANE_FRAME_GRAY, 1, 1001, 40, 125}},
+        NetParamCase{1, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\n", {SANE_FRAME_GRAY, 8, 640, 30, 640}},
         // An interpolated image reports its own size.
-        NetParamCase{2, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\nINTER_WIDTH=1280\nINTER_HEIGHT=60\n", SANE_FRAME_RGB, 8,
-                     1280, 60, 3840},
-        NetParamCase{2, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\nINTER_WIDTH=1280\n", SANE_FRAME_RGB, 8, 640, 30, 1920}));
+        NetParamCase{2, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\nINTER_WIDTH=1280\nINTER_HEIGHT=60\n",
+                     {SANE_FRAME_RGB, 8, 1280, 60, 3840}},
+        NetParamCase{2, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\nINTER_WIDTH=1280\n", {SANE_FRAME_RGB, 8, 640, 30, 1920}}));
 
 }  // namespace
