@@ -53,8 +53,10 @@ const int BAND_HEADER_LEN = 16;
 const int BAND_LINES_OFFSET = 4;
 const int BAND_WIDTH_OFFSET = 8;
 const int BAND_QUALITY_OFFSET = 12;
-// Largest decoded band accepted (bytes); a header asking for more is malformed.
-const long MAX_BAND_BYTES = 1L << 30;
+// Largest band accepted: a device sends bands of a few dozen lines of one
+// page width, so a header asking for more is malformed.
+const unsigned MAX_BAND_DIMENSION = 1u << 16;
+const long MAX_BAND_BYTES = 1L << 26;
 // Largest decoded image accepted (bytes).
 const long MAX_IMAGE_BYTES = 1L << 31;
 
@@ -940,7 +942,8 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
         wicket.QualityFactor(quality);
         long paddedWidth = (long)roundUp8(bandWidth);
         long paddedLines = (long)roundUp8(bandLines);
-        if (bandWidth > (1u << 24) || bandLines > (1u << 24) || paddedWidth * paddedLines * bpp > MAX_BAND_BYTES) {
+        if (bandWidth > MAX_BAND_DIMENSION || bandLines > MAX_BAND_DIMENSION ||
+            paddedWidth * paddedLines * bpp > MAX_BAND_BYTES) {
             LOG_DEBUG("Wicket Error : %d", -1);
             LOG_METHOD_END_INT(1);
             return 1;
