@@ -117,6 +117,21 @@ protected:
         return cmd.get();
     }
 
+    // A 326 device with a 326 command object, opened.
+    void open326() {
+        make(oneDevice(326));
+        command(326);
+        ASSERT_EQ(0, comm->openDevice());
+    }
+
+    // Compressed mode with the image geometry the band decoder reads.
+    void compressedImage(int pixels, int lines, int depth) {
+        store.SetIntOption("COMPRESSION", 1);
+        store.SetIntOption("PIXELS_PER_LINE", pixels);
+        store.SetIntOption("SCANHEIGHT", lines);
+        store.SetIntOption("COLORDEPTH", depth);
+    }
+
     std::string events() { return usbsim_events(); }
     bool hasEvent(const std::string& e) { return events().find(e) != std::string::npos; }
     int countEvents(const std::string& e) {
@@ -148,6 +163,14 @@ std::vector<std::string> takeNames(char** list, int count) {
     }
     free(list);
     return v;
+}
+
+// Everything a DataBuffer holds, taken out.
+Bytes drain(DataBuffer& b) {
+    Bytes got((size_t)b.GetRawDataSize());
+    b.SetProcessedDataSize(b.GetRawDataSize());
+    b.GetProcessedData(got.data(), (int)got.size());
+    return got;
 }
 
 // ---------------------------------------------------------------- enumeration
@@ -594,9 +617,7 @@ INSTANTIATE_TEST_SUITE_P(
 // ------------------------------------------------------------ exact fetches
 
 TEST_F(UsbTest, FetchDataKeepsTheSurplusAndRereadsItsStart) {
-    make(oneDevice(326));
-    command(326);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
     inject({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
     inject({10, 11, 12, 13, 14, 15});
     Bytes out(8, 0xFF);
@@ -614,9 +635,7 @@ TEST_F(UsbTest, FetchDataKeepsTheSurplusAndRereadsItsStart) {
 }
 
 TEST_F(UsbTest, FetchMessageAcrossChunkBoundaries) {
-    make(oneDevice(326));
-    command(326);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
     inject({0x1B, 0x53, 0x02, 0x00, 0x03});
     inject({0x00, 0x80, 0x00, 0xAA});
     inject({0xBB, 0xCC, 0x1B, 0x53, 0x02, 0x00, 0x00, 0x00, 0x80, 0x00});
@@ -647,9 +666,7 @@ class ReadStream : public UsbTest, public ::testing::WithParamInterface<StreamCa
 
 TEST_P(ReadStream, ReadImageStripsHeadersAndReturnsRecordCodes) {
     const StreamCase& c = GetParam();
-    make(oneDevice(326));
-    command(326);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
     for (const Bytes& t : c.transfers) inject(t);
     DataBuffer out;
     ImageData image;
@@ -659,9 +676,7 @@ TEST_P(ReadStream, ReadImageStripsHeadersAndReturnsRecordCodes) {
         EXPECT_EQ(c.results[i], comm->ReadImage(&n, &out, &image)) << "call " << i;
         if (c.results[i] == 0) total += n;
     }
-    Bytes got(out.GetRawDataSize());
-    out.SetProcessedDataSize(out.GetRawDataSize());
-    out.GetProcessedData(got.data(), (int)got.size());
+    Bytes got = drain(out);
     EXPECT_EQ(c.image, got);
     EXPECT_EQ((int)c.image.size(), total);
     EXPECT_EQ(0, image.GetInterleave());
@@ -698,9 +713,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<StreamCase>& i) { return std::string(i.param.label); });
 
 TEST_F(UsbTest, InterleaveRecordFillsTheImageAttributes) {
-    make(oneDevice(326));
-    command(326);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
     inject({0x1B, 0x53, 0x02, 0x00, 0x17, 0x00, 0x00, 0x00, 0x09, 0x00, 0x01, 0x40, 0x01, 0x00, 0x00, 0xC8, 0x00,
             0x00, 0x00, 0x03, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x05, 0x00, 0x00, 0x00});
     DataBuffer out;
@@ -748,9 +761,7 @@ TEST_P(SimulatedScan, GreyPageMatchesTheFormula) {
     while ((rc = comm->ReadImage(&n, &out, &image)) == 0 && calls < 200000) ++calls;
     EXPECT_EQ(1, rc);
     ASSERT_EQ(width * lines, out.GetRawDataSize());
-    out.SetProcessedDataSize(out.GetRawDataSize());
-    Bytes got((size_t)(width * lines));
-    out.GetProcessedData(got.data(), (int)got.size());
+    Bytes got = drain(out);
     int wrong = 0;
     for (int y = 0; y < lines; ++y)
         for (int x = 0; x < width; ++x)
@@ -767,13 +778,8 @@ INSTANTIATE_TEST_SUITE_P(Versions, SimulatedScan,
 // ------------------------------------------------------------ compressed mode
 
 TEST_F(UsbTest, CompressedJobCollectsUntilCompleteAndHandsOutPieces) {
-    make(oneDevice(326));
-    command(326);
-    store.SetIntOption("COMPRESSION", 1);
-    store.SetIntOption("PIXELS_PER_LINE", 100);
-    store.SetIntOption("SCANHEIGHT", 70);
-    store.SetIntOption("COLORDEPTH", 2);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
+    compressedImage(100, 70, 2);
     inject(record(8));
     inject(record(9));
     inject(Bytes(16, 0));  // a band whose size field is 0 ends decoding
@@ -860,14 +866,9 @@ class CompressedBands : public UsbTest, public ::testing::WithParamInterface<Ban
 
 TEST_P(CompressedBands, BandsLandLineByLineInTheImage) {
     const BandCase& c = GetParam();
-    make(oneDevice(326));
-    command(326);
-    store.SetIntOption("COMPRESSION", 1);
-    store.SetIntOption("PIXELS_PER_LINE", c.pixels);
-    store.SetIntOption("SCANHEIGHT", c.lines);
-    store.SetIntOption("COLORDEPTH", c.depth);
-    ASSERT_EQ(0, comm->openDevice());
-    Bytes all = join({});
+    open326();
+    compressedImage(c.pixels, c.lines, c.depth);
+    Bytes all;
     for (const Bytes& b : c.bands) all.insert(all.end(), b.begin(), b.end());
     // Collected in 8192-byte reads whatever the band boundaries.
     inject(all);
@@ -877,9 +878,7 @@ TEST_P(CompressedBands, BandsLandLineByLineInTheImage) {
     int n = 0;
     while (comm->ReadImage(&n, &out, nullptr) == 0) {
     }
-    Bytes got(out.GetRawDataSize());
-    out.SetProcessedDataSize(out.GetRawDataSize());
-    out.GetProcessedData(got.data(), (int)got.size());
+    Bytes got = drain(out);
     EXPECT_EQ(c.image, got);
 }
 
@@ -930,13 +929,8 @@ INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands, ::testing::Values(greyCase(), c
                          [](const ::testing::TestParamInfo<BandCase>& i) { return std::string(i.param.label); });
 
 TEST_F(UsbTest, CorruptBandIsADecodingError) {
-    make(oneDevice(326));
-    command(326);
-    store.SetIntOption("COMPRESSION", 1);
-    store.SetIntOption("PIXELS_PER_LINE", 16);
-    store.SetIntOption("SCANHEIGHT", 8);
-    store.SetIntOption("COLORDEPTH", 1);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
+    compressedImage(16, 8, 1);
     // The band claims 4000 bytes and a width of 2^31; neither is there.
     inject({0x00, 0x00, 0x0F, 0xA0, 0x00, 0x00, 0x00, 0x08, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x32, 0x12});
     inject(record(1));
@@ -952,10 +946,8 @@ TEST_F(UsbTest, CorruptBandIsADecodingError) {
 }
 
 TEST_F(UsbTest, CompressedJobEndsWithTheRecordOrTheReadStatus) {
-    make(oneDevice(326));
-    command(326);
+    open326();
     store.SetIntOption("COMPRESSION", 1);
-    ASSERT_EQ(0, comm->openDevice());
     inject({1, 2, 3});
     inject(record(5));
     EXPECT_EQ(5, comm->readAndDecompressData());
@@ -968,9 +960,7 @@ TEST_F(UsbTest, CompressedJobEndsWithTheRecordOrTheReadStatus) {
 }
 
 TEST_F(UsbTest, ClearDrainsUpToTheCompletionRecord) {
-    make(oneDevice(326));
-    command(326);
-    ASSERT_EQ(0, comm->openDevice());
+    open326();
     inject(Bytes(9000, 0x55));
     inject(record(7));
     inject(record(1));
@@ -982,11 +972,9 @@ TEST_F(UsbTest, ClearDrainsUpToTheCompletionRecord) {
 }
 
 TEST_F(UsbTest, MultiPageFeederJobIsReadFromTheStream) {
-    make(oneDevice(326));
-    command(326);
+    open326();
     store.SetIntOption("USB_MULTIPAGE_FLAG", 1);
     store.SetIntOption("SCAN_SOURCE", 1);
-    ASSERT_EQ(0, comm->openDevice());
     inject(join({H3, {6, 7, 8}}));
     EXPECT_EQ(0, comm->consumeScannerData());
     EXPECT_EQ(1, usbsim_queued(0)) << "nothing is consumed";
