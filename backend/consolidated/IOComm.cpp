@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "CResponse.h"
 #include "ConfigReader.h"
