@@ -799,6 +799,7 @@ TEST_P(DecompResults, MapCodesAndNeverOverrun) {
     if (name == "hugeWidth") wicketPutHeader(chunk.data(), uint32_t(chunk.size()), 8, 0x7FFFFFFF, 75);
     if (name == "hugeHeight") wicketPutHeader(chunk.data(), uint32_t(chunk.size()), 0xFFFFFFF0u, 16, 75);
     if (name == "noLines") wicketPutHeader(chunk.data(), uint32_t(chunk.size()), 0, 16, 75);
+    if (name == "hugeBoth") wicketPutHeader(chunk.data(), uint32_t(chunk.size()), 0x40000000, 0x40000000, 75);
     CDecompWicket dec(1);
     dec.StartDecomp(16, 8, 1, 8);
     Bytes out(size_t(outLen) + 64, 0xCD);
@@ -821,7 +822,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, DecompResults,
                                            DecompCase{"claimsMore", 513, 0}, DecompCase{"belowHeader", -1, 0},
                                            DecompCase{"truncatedData", 513, -1}, DecompCase{"noCode", 261, -1},
                                            DecompCase{"outputTooSmall", -1, -1}, DecompCase{"hugeWidth", -1, -1},
-                                           DecompCase{"hugeHeight", -1, -1},
+                                           DecompCase{"hugeHeight", -1, -1}, DecompCase{"hugeBoth", -1, -1},
                                            DecompCase{"noLines", CDecomp::DECOMP_LINE_COMPLETED, -1}),
                          [](const ::testing::TestParamInfo<DecompCase>& i) { return std::string(i.param.name); });
 
@@ -974,6 +975,7 @@ TEST_P(ToolFailures, NameTheChunkAndOffsetAndWriteNothing) {
     if (name == "truncatedChunk") s.resize(s.size() - 30);
     if (name == "corruptData") std::fill(s.begin() + first + 16, s.begin() + first + 40, 0xFF);
     if (name == "corruptSize") wicketPutHeader(s.data() + first, 3, 16, 40, 75);
+    if (name == "hugeGeometry") wicketPutHeader(s.data(), first, 0x7FFFFFF0, 0x7FFFFFF0, 75);
     if (name == "otherWidth") wicketPutHeader(s.data() + first, readBE32(s.data() + first, 16, 0), 16, 48, 75);
     if (name == "cutLookAhead") {  // the second chunk loses its look-ahead bytes
         uint32_t second = readBE32(s.data() + first, 16, 0);
@@ -995,6 +997,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ToolFailure{"corruptData", "chunk 1 at byte offset"},
                       ToolFailure{"corruptSize", "size 3 is below 16"},
                       ToolFailure{"otherWidth", "width 48 differs"},
+                      ToolFailure{"hugeGeometry", "chunk 0 at byte offset 0: image too large"},
                       ToolFailure{"cutLookAhead", "(513)"}),
     [](const ::testing::TestParamInfo<ToolFailure>& i) { return std::string(i.param.name); });
 

@@ -133,10 +133,10 @@ int decodeCommand(int channels, bool stuffing, const char* inPath, const char* o
         long align = stuffing ? 8 : channels == 3 ? 16 : 48;
         long paddedWidth = (long(w) + align - 1) / align * align;
         long paddedLines = (long(lines) + 7) / 8 * 8;
-        long bandBytes = paddedWidth * paddedLines * channels;
         long rowBytes = long(w) * channels;
-        if (bandBytes > MAX_IMAGE_BYTES || (height + long(lines)) * rowBytes > MAX_IMAGE_BYTES)
+        if (paddedLines > MAX_IMAGE_BYTES / (paddedWidth * channels) || height + long(lines) > MAX_IMAGE_BYTES / rowBytes)
             return chunkError(index, offset, "image too large");
+        long bandBytes = paddedWidth * paddedLines * channels;
         band.assign(size_t(bandBytes), 0);
         wicket.QualityFactor(int(quality));
         int produced = 0, used = 0;

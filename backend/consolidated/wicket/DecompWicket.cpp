@@ -126,11 +126,12 @@ int CDecompWicket::Decomp(unsigned char* in, int inLen, int* consumed, unsigned 
             long paddedHeight = roundUp(height, WICKET_BLOCK);
             long align = m_ByteStuffing ? WICKET_BLOCK : m_NumChannels == 1 ? LINE_ALIGN_UNSTUFFED : 16;
             long paddedWidth = roundUp(width, align);
-            long bandBytes = paddedWidth * paddedHeight * m_NumChannels;
-            if (paddedWidth > INT_MAX || bandBytes > outLen) {
+            long rowBytes = paddedWidth * m_NumChannels;
+            if (paddedWidth > INT_MAX || paddedHeight > outLen / rowBytes) {
                 LOG_DEBUG("band of %ld x %ld does not fit in %d output bytes", paddedWidth, paddedHeight, outLen);
                 rc = WICKET_ERROR_WIDTH;
             } else {
+                long bandBytes = rowBytes * paddedHeight;
                 int bandProduced = 0, used = 0;
                 const unsigned char* data = chunk + WICKET_HEADER_SIZE;
                 int dataLen = int(size) - WICKET_HEADER_SIZE;

@@ -367,8 +367,9 @@ int Wicket::decodeBand(const unsigned char* data, int dataLen, unsigned char* ou
         return WICKET_ERROR_WIDTH;
     }
     long rowBytes = long(width) * planes;
-    long total = rowBytes * height;
-    if (total > outLen || total > INT_MAX || (total > 0 && out == nullptr)) {
+    bool fits = rowBytes == 0 || (height <= outLen / rowBytes && height <= INT_MAX / rowBytes);
+    long total = fits ? rowBytes * height : 0;
+    if (!fits || (total > 0 && out == nullptr)) {
         LOG_DEBUG("band of %d x %d x %d does not fit in %ld bytes", width, height, planes, outLen);
         return WICKET_ERROR_WIDTH;
     }
