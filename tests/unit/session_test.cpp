@@ -183,6 +183,19 @@ INSTANTIATE_TEST_SUITE_P(
         // A device that is not there has no feature file.
         OpenFailure{"NoSuchDevice", &st::Q4200, "", "libusb/001/009", SANE_STATUS_UNSUPPORTED, {}}));
 
+// A network device is looked up as vendor and product 0xFFFF and, without a
+// properties reply, gets the common resolutions. No packet leaves the host:
+// the network transport is given a loopback address.
+TEST_F(SessionTest, NetworkDeviceUsesTheFeatureFileListedFor0xFFFF) {
+    Rig rig(st::Q4010);  // a model that is not woken: the transport has nothing to answer with
+    ASSERT_TRUE(rig.loaded);
+    EXPECT_EQ(SANE_STATUS_UNSUPPORTED, sane().open("libnet/127.0.0.1", &h));
+    EXPECT_EQ(nullptr, h);
+    rig.addDeviceLine(0xFFFF, 0xFFFF);
+    ASSERT_EQ(SANE_STATUS_GOOD, sane().open("libnet/127.0.0.1", &h));
+    EXPECT_EQ(0, usbsim_write_count(0));
+}
+
 // ---------------------------------------------------------------- start refused
 
 class BadName : public SessionTest, public ::testing::WithParamInterface<const char*> {};

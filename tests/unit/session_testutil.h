@@ -129,20 +129,26 @@ public:
     explicit Rig(const Model& model, const std::string& overrides = std::string(),
                  const std::string& scenarioExtra = std::string(), const char* demon = nullptr)
         : m(model), conf("SANE_CONFIG_DIR", dir.path().c_str()), demonEnv("SCAN_ENABLE_DEMON", demon) {
-        std::string feature = dir.file("model.conf");
-        qt::writeFile(feature, featureText(m, overrides));
+        qt::writeFile(dir.file("model.conf"), featureText(m, overrides));
+        addDeviceLine(0x2f4a, m.iPid);
+        loaded = usbsim_load_text(deviceScenario(m, scenarioExtra).c_str()) == 0;
+    }
+
+    // Lists one more vendor and product identifier with the same feature file.
+    void addDeviceLine(int vid, int pid) {
         char line[512];
-        snprintf(line, sizeof(line), "usb 0x2f4a 0x%04x %s Quarto_Test\n", m.iPid, feature.c_str());
-        qt::writeFile(dir.file("quarto.conf"), std::string(line) +
+        snprintf(line, sizeof(line), "usb 0x%04x 0x%04x %s Quarto_Test\n", vid, pid, dir.file("model.conf").c_str());
+        szDeviceLines += line;
+        qt::writeFile(dir.file("quarto.conf"), szDeviceLines +
                                                    "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\n"
                                                    "DEVICE_LIST_ORDER_MODE=0\nSHOW_PSEUDO_NETWORK_FLAG=0\n");
-        loaded = usbsim_load_text(deviceScenario(m, scenarioExtra).c_str()) == 0;
     }
 
     const Model& m;
     bool loaded = false;
 
 private:
+    std::string szDeviceLines;
     qt::TempDir dir;
     qt::ScopedEnv conf;
     qt::ScopedEnv demonEnv;
