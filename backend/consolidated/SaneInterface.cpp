@@ -338,11 +338,14 @@ const char* listEntry(const SANE_String_Const* list, int index) {
     return list[index];
 }
 
-int pageSizeIndex(const PageSizeList* list, int index) {
-    return (index >= 0 && index < list->count) ? index : 0;
+// BRX_list/BRY_list at an index read from the option store: an index outside
+// the current list reads as the first entry, an empty list as 0.
+double currentCorner(const double* table, int index) {
+    if (pPageSizes->count == 0) return 0.0;
+    return table[(index >= 0 && index < pPageSizes->count) ? index : 0];
 }
-double currentBrx(int index) { return pPageSizes->count > 0 ? pPageSizes->brx[pageSizeIndex(pPageSizes, index)] : 0.0; }
-double currentBry(int index) { return pPageSizes->count > 0 ? pPageSizes->bry[pageSizeIndex(pPageSizes, index)] : 0.0; }
+double currentBrx(int index) { return currentCorner(pPageSizes->brx, index); }
+double currentBry(int index) { return currentCorner(pPageSizes->bry, index); }
 
 // A 16.16 value of a whole number, wrapping like the 32-bit shift it stands for.
 SANE_Word toFixed(int v) { return (SANE_Word)(int32_t)((uint32_t)v << FIXED_SHIFT); }
