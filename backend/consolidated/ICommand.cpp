@@ -1,5 +1,6 @@
 #include "ICommand.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -70,8 +71,7 @@ int ICommand::setConfigReader(ConfigReader* cr) {
 ConfigReader* ICommand::getConfigReader() { return pConfigReader; }
 
 void ICommand::setCommandId(int id) {
-    // The range guard can never be true, so every id is stored as given: intended.
-    if (id < 0 && id > 7) id = 0;
+    // Every id is stored as given, also ids outside 0..7: intended.
     iCmd = id;
 }
 
@@ -120,21 +120,25 @@ int ICommand::addNPA(unsigned char** out, unsigned char* cmd, int* len) {
 
 int ICommand::removeESC(DataBuffer* buf) {
     if (buf == nullptr) return 0;
+    // A header always holds its length field; a smaller strip size would leave
+    // headers in the buffer and the read loop calling forever.
+    int strip = iStrip < ESC_HEADER_MIN_LEN ? ESC_HEADER_MIN_LEN : iStrip;
     const unsigned char* chunk = buf->GetRawDataPtr();
     int rawSize = chunk != nullptr ? buf->GetRawDataSize() : 0;
     if (iDataSize == 0) {
         static const unsigned char blockStart[3] = {ESC, ESC_S, ESC_DATA_BLOCK};
         int seen = rawSize < 3 ? rawSize : 3;
         // A chunk of one or two bytes that matches the start of a header is a
-        // header still on its way, like any other header shorter than iStrip.
+        // header still on its way, like any other header shorter than the strip.
         bool header = seen > 0 && memcmp(chunk, blockStart, (size_t)seen) == 0;
         if (header) {
-            if (rawSize < iStrip || rawSize < 3) return 0;
-            iDataSize = (int)readLE16(chunk, rawSize, 4) - iStripMin;
+            if (rawSize < strip) return 0;
+            long long expected = (long long)readLE16(chunk, rawSize, 4) - iStripMin;
+            iDataSize = expected > INT_MAX ? INT_MAX : expected < INT_MIN ? INT_MIN : (int)expected;
             // The header is taken out of the buffer and discarded.
-            buf->SetProcessedDataSize(iStrip);
-            std::vector<unsigned char> scratch(iStrip > 0 ? (size_t)iStrip : 1u);
-            buf->GetProcessedData(scratch.data(), iStrip);
+            buf->SetProcessedDataSize(strip);
+            std::vector<unsigned char> scratch((size_t)strip);
+            buf->GetProcessedData(scratch.data(), strip);
             rawSize = buf->GetRawDataSize();
         } else {
             iDataSize = rawSize;
@@ -143,7 +147,7 @@ int ICommand::removeESC(DataBuffer* buf) {
     int n = rawSize < iDataSize ? rawSize : iDataSize;
     buf->SetProcessedDataSize(n);
     iDataSize -= n;
-    return buf->GetRawDataSize() > iStrip ? 1 : 0;
+    return buf->GetRawDataSize() > strip ? 1 : 0;
 }
 
 int ICommand::getESCDataSize(unsigned char* buf, int len) {

@@ -19,6 +19,8 @@ const unsigned char ESC_S = 0x53;  // 'S': scanner requests and replies
 const unsigned char ESC_D = 0x44;  // 'D': data messages
 // First three bytes of the header that opens each block of image data.
 const unsigned char ESC_DATA_BLOCK = 0x02;
+// Bytes of a data-block header up to and including its 16-bit length field.
+const int ESC_HEADER_MIN_LEN = 6;
 
 // Command ids (setCommandId); the same numbers as the selectors of writeCommand.
 const int CMD_ID_CANCEL = 0;
