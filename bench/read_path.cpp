@@ -4,10 +4,11 @@
 // with the page (the buffers hold only the lines in flight).
 //
 //   build*/bench/read_path [--benchmark_filter=...]
+//
+// Rates are bytes per second of the process's CPU time (Google Benchmark's
+// measure), so a machine busy with other work still gives comparable figures.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <sane/sane.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "../tests/e2e/backend_api.h"
 #include "sanerun.h"
 #include "testutil.h"
 #include "usbsim.h"
@@ -31,43 +33,12 @@ const int SMALL_READ = 32 * 1024;  // what scanimage asks for
 const int LARGE_READ = 1024 * 1024;
 const long MEMORY_LIMIT_KB = 32 * 1024;
 
-// The entry points of the built library. It is loaded with dlopen because the
-// session finds its configuration through the library's own file name; the
-// simulated libusb linked into this program is the one it binds to.
-struct Backend {
-    SANE_Status (*open)(SANE_String_Const, SANE_Handle*) = nullptr;
-    void (*close)(SANE_Handle) = nullptr;
-    SANE_Status (*control_option)(SANE_Handle, SANE_Int, SANE_Action, void*, SANE_Int*) = nullptr;
-    SANE_Status (*get_parameters)(SANE_Handle, SANE_Parameters*) = nullptr;
-    SANE_Status (*start)(SANE_Handle) = nullptr;
-    SANE_Status (*read)(SANE_Handle, SANE_Byte*, SANE_Int, SANE_Int*) = nullptr;
-    void (*cancel)(SANE_Handle) = nullptr;
-};
-
-template <typename F>
-bool bind(void* lib, const char* name, F& fn) {
-    fn = reinterpret_cast<F>(dlsym(lib, name));
-    return fn != nullptr;
-}
-
-bool loadBackend(Backend* b) {
-    std::string path = qt::binaryDir() + "/backend/libsane-quarto.so.1";
-    void* lib = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (lib == nullptr) {
-        fprintf(stderr, "dlopen %s: %s\n", path.c_str(), dlerror());
-        return false;
-    }
-    return bind(lib, "sane_quarto_open", b->open) && bind(lib, "sane_quarto_close", b->close) &&
-           bind(lib, "sane_quarto_control_option", b->control_option) &&
-           bind(lib, "sane_quarto_get_parameters", b->get_parameters) && bind(lib, "sane_quarto_start", b->start) &&
-           bind(lib, "sane_quarto_read", b->read) && bind(lib, "sane_quarto_cancel", b->cancel);
-}
-
 // The demo's Quarto 5100, opened once and set to 600 dpi colour on `size`.
+// The backend binds to the simulated libusb linked into this program.
 class Scanner {
 public:
     bool open(const char* size) {
-        if (!loadBackend(&b)) return false;
+        if (!b.load()) return false;
         qt::writeFile(dir.file("quarto.conf"),
                       qt::SaneEnv::expand("usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
                                           "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\n"));
@@ -107,7 +78,7 @@ public:
 
 private:
     qt::TempDir dir;
-    Backend b;
+    e2e::BackendApi b;
     SANE_Handle h = nullptr;
 };
 
@@ -212,7 +183,8 @@ int main(int argc, char** argv) {
                                                 : benchmark::ConsoleReporter::OO_Tabular);
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
-    printf("\nread path: 600 dpi A4 colour page, %ld bytes, raw, in-process simulator\n", pageBytes);
+    printf("\nread path: 600 dpi A4 colour page, %ld bytes, raw, in-process simulator (rates per CPU second)\n",
+           pageBytes);
     for (int len : {SMALL_READ, LARGE_READ}) {
         double read = reporter.rates["BM_SaneRead/" + std::to_string(len)];
         double copy = reporter.rates["BM_Memcpy/" + std::to_string(len)];

@@ -2,11 +2,9 @@
 // reached the simulated scanner (the scanner is always released), scanimage
 // stopped with Ctrl-C in mid-page, and a front end that keeps its handle open
 // and scans again after a failed page.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sane/sane.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "backend_api.h"
 #include "e2e_scan.h"
 
 namespace {
@@ -209,14 +208,7 @@ TEST(UserInterrupts, CtrlCInMidPageCancelsUnlocksAndTheNextRunScans) {
 // The built backend and the simulator in this process, as a front end such as
 // a GUI loads them: the simulated libusb-0.1 first (global), so that the
 // backend binds to it.
-struct InProcess {
-    SANE_Status (*open)(SANE_String_Const, SANE_Handle*) = nullptr;
-    void (*close)(SANE_Handle) = nullptr;
-    SANE_Status (*control_option)(SANE_Handle, SANE_Int, SANE_Action, void*, SANE_Int*) = nullptr;
-    SANE_Status (*get_parameters)(SANE_Handle, SANE_Parameters*) = nullptr;
-    SANE_Status (*start)(SANE_Handle) = nullptr;
-    SANE_Status (*read)(SANE_Handle, SANE_Byte*, SANE_Int, SANE_Int*) = nullptr;
-    void (*cancel)(SANE_Handle) = nullptr;
+struct InProcess : e2e::BackendApi {
     int (*load_text)(const char*) = nullptr;
     int (*set_fault)(int, const char*, int) = nullptr;
     int (*unplug)(int) = nullptr;
@@ -226,39 +218,24 @@ struct InProcess {
     bool bOk = false;
 
     static const InProcess& get() {
-        static InProcess api = load();
+        static InProcess api = loadAll();
         return api;
     }
 
 private:
-    template <typename F>
-    static void bind(void* lib, const char* name, F& fn, bool& ok) {
-        fn = reinterpret_cast<F>(dlsym(lib, name));
-        ok = ok && fn != nullptr;
-    }
-    static InProcess load() {
+    static InProcess loadAll() {
         InProcess a;
-        void* sim = dlopen((qt::binaryDir() + "/sim/libusb-0.1.so.4").c_str(), RTLD_NOW | RTLD_GLOBAL);
-        void* lib = sim ? dlopen((qt::binaryDir() + "/backend/libsane-quarto.so.1").c_str(), RTLD_NOW | RTLD_LOCAL)
-                        : nullptr;
-        if (lib == nullptr) {
-            fprintf(stderr, "dlopen: %s\n", dlerror());
+        std::string path = qt::binaryDir() + "/sim/libusb-0.1.so.4";
+        void* sim = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+        if (sim == nullptr) {
+            fprintf(stderr, "dlopen %s: %s\n", path.c_str(), dlerror());
             return a;
         }
-        a.bOk = true;
-        bind(lib, "sane_quarto_open", a.open, a.bOk);
-        bind(lib, "sane_quarto_close", a.close, a.bOk);
-        bind(lib, "sane_quarto_control_option", a.control_option, a.bOk);
-        bind(lib, "sane_quarto_get_parameters", a.get_parameters, a.bOk);
-        bind(lib, "sane_quarto_start", a.start, a.bOk);
-        bind(lib, "sane_quarto_read", a.read, a.bOk);
-        bind(lib, "sane_quarto_cancel", a.cancel, a.bOk);
-        bind(sim, "usbsim_load_text", a.load_text, a.bOk);
-        bind(sim, "usbsim_set_fault", a.set_fault, a.bOk);
-        bind(sim, "usbsim_unplug", a.unplug, a.bOk);
-        bind(sim, "usbsim_replug", a.replug, a.bOk);
-        bind(sim, "usbsim_events", a.events, a.bOk);
-        bind(sim, "usbsim_clear_record", a.clear_record, a.bOk);
+        a.bOk = a.load() && e2e::bindSymbol(sim, "usbsim_load_text", a.load_text) &&
+                e2e::bindSymbol(sim, "usbsim_set_fault", a.set_fault) &&
+                e2e::bindSymbol(sim, "usbsim_unplug", a.unplug) && e2e::bindSymbol(sim, "usbsim_replug", a.replug) &&
+                e2e::bindSymbol(sim, "usbsim_events", a.events) &&
+                e2e::bindSymbol(sim, "usbsim_clear_record", a.clear_record);
         return a;
     }
 };

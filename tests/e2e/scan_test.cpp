@@ -186,6 +186,8 @@ struct PipelineCase {
     bool bSentBgr;
 };
 
+void PrintTo(const PipelineCase& c, std::ostream* os) { *os << c.szName; }
+
 class Pipeline : public ::testing::TestWithParam<PipelineCase> {};
 
 TEST_P(Pipeline, LinesAreTreatedAsThePipelineDefines) {
