@@ -4,8 +4,10 @@
 #ifndef QUARTO_E2E_SCAN_H
 #define QUARTO_E2E_SCAN_H
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string>

@@ -168,9 +168,15 @@ Interrupted scanimageInterrupted(const qt::SaneEnv& sane, const std::vector<std:
         r.lBytes += (size_t)n;
     }
     close(out[0]);
-    if (time(nullptr) > deadline) kill(pid, SIGKILL);
     int status = 0;
-    waitpid(pid, &status, 0);
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (time(nullptr) > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(10000);
+    }
     r.iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     r.szErr = qt::readFile(errFile);
     return r;
