@@ -8,6 +8,9 @@
 #include "util.h"
 
 namespace {
+// Escape header of each image data block and the bytes its length counts beyond the payload.
+const int STRIP_SIZE = 9;
+const int STRIP_MIN = 1;
 // Request headers by command id. Ids 8 and 9 (scan parameters, scan sizes)
 // use the headers the newer classes send, so every class answers them alike.
 const unsigned char CMD326_HEADERS[CMD326_MAX_ID + 1][CMD_HEADER_LEN] = {
@@ -27,8 +30,8 @@ const int DEVICE_COLOR_LINEART = 1;
 
 Cmd326::Cmd326() {
     setVersion(CMD_VERSION_326);
-    setStripSize(9);
-    setStripMin(1);
+    setStripSize(STRIP_SIZE);
+    setStripMin(STRIP_MIN);
     setCmdLen(CMD326_START_LEN);
 }
 

@@ -1,14 +1,17 @@
 #include "Cmd401.h"
 
 namespace {
+// Escape header of each image data block and the bytes its length counts beyond the payload.
+const int STRIP_SIZE = 10;
+const int STRIP_MIN = 2;
 const int CMD401_LEN = 34;
 const unsigned char CMD401_DATA_LEN = 26;  // header byte 4 of both settings requests
 }  // namespace
 
 Cmd401::Cmd401() {
     setVersion(CMD_VERSION_401);
-    setStripSize(10);
-    setStripMin(2);
+    setStripSize(STRIP_SIZE);
+    setStripMin(STRIP_MIN);
     setCmdLen(CMD401_LEN);
 }
 

@@ -4,6 +4,9 @@
 #include "util.h"
 
 namespace {
+// Escape header of each image data block and the bytes its length counts beyond the payload.
+const int STRIP_SIZE = 10;
+const int STRIP_MIN = 23;
 const int CMD402_LEN = 43;
 const unsigned char CMD402_LOCK_DATA_LEN = 26;
 const unsigned char CMD402_START_DATA_LEN = 35;
@@ -16,8 +19,8 @@ const unsigned char DROPOUT_THRESHOLD_OFF = 0xFE;
 
 Cmd402::Cmd402() {
     setVersion(CMD_VERSION_402);
-    setStripSize(10);
-    setStripMin(23);
+    setStripSize(STRIP_SIZE);
+    setStripMin(STRIP_MIN);
     setCmdLen(CMD402_LEN);
 }
 

@@ -8,6 +8,9 @@
 #include "util.h"
 
 namespace {
+// Escape header of each image data block and the bytes its length counts beyond the payload.
+const int STRIP_SIZE = 31;
+const int STRIP_MIN = 23;
 const unsigned char CMD500_HEADERS[CMD500_ID_COUNT][CMD_HEADER_LEN] = {
     {0x1B, 0x53, 0x0F, 0x00, 0x00, 0x00, 0x00, 0x00},
     {0x1B, 0x53, 0x04, 0x00, 0x00, 0x00, 0x80, 0x00},
@@ -83,8 +86,8 @@ bool isDpiSubjectForCompression(int dpi) { return dpi == 75 || dpi == 1200; }
 
 Cmd500::Cmd500() {
     setVersion(CMD_VERSION_500);
-    setStripSize(31);
-    setStripMin(23);
+    setStripSize(STRIP_SIZE);
+    setStripMin(STRIP_MIN);
     setCmdLen(CMD500_LEN);
     for (int i = 0; i < CMD500_ID_COUNT; ++i) appendDataHandlers[i] = nullptr;
     appendDataHandlers[CMD_ID_LOCK] = &Cmd500::appendDataScanLock;
