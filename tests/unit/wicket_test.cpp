@@ -598,12 +598,20 @@ TEST_P(Kernels, InverseDctMatchesTheReferenceBitForBit) {
         wicketref::idct(blocks[i + 1].data(), refB);
         int16_t s16[2][8 * 24];
         uint8_t u8[2][8 * 24];
-        k.idctS16Pair(blocks[i].data(), blocks[i + 1].data(), s16[0] + 3, s16[1] + 5, 24);
-        k.idctU8Pair(blocks[i].data(), blocks[i + 1].data(), u8[0] + 3, u8[1] + 5, 24);
         int16_t single[64];
         uint8_t singleU8[64];
-        k.idctS16(blocks[i].data(), single, 8);
-        k.idctU8(blocks[i + 1].data(), singleU8, 8);
+        // Each kernel clears the coefficients it read: every call gets copies.
+        auto a = blocks[i], b = blocks[i + 1];
+        k.idctS16Pair(a.data(), b.data(), s16[0] + 3, s16[1] + 5, 24);
+        EXPECT_EQ(a, std::vector<int32_t>(64, 0));
+        EXPECT_EQ(b, std::vector<int32_t>(64, 0));
+        a = blocks[i], b = blocks[i + 1];
+        k.idctU8Pair(a.data(), b.data(), u8[0] + 3, u8[1] + 5, 24);
+        EXPECT_EQ(b, std::vector<int32_t>(64, 0));
+        a = blocks[i], b = blocks[i + 1];
+        k.idctS16(a.data(), single, 8);
+        k.idctU8(b.data(), singleU8, 8);
+        EXPECT_EQ(a, std::vector<int32_t>(64, 0));
         for (int p = 0; p < 64; ++p) {
             int r = p / 8, c = p % 8;
             ASSERT_EQ(s16[0][r * 24 + 3 + c], refA[p]) << i << ":" << p;

@@ -53,11 +53,12 @@ inline bool huffHasStuffedByte(uint64_t v) {
 
 // Refill for the decoder's fast path: the caller guarantees that at least
 // HUFF_FAST_MARGIN bytes follow pNext, so eight bytes are loaded at once unless
-// one of them needs stuffing treatment.
+// one of them needs stuffing treatment. STUFFED must match s.iStuffedData.
 const long HUFF_FAST_MARGIN = 512;
+template <bool STUFFED>
 inline void huffRefillFast(HuffBitState& s) {
     uint64_t v = huffLoadBE64(s.pNext);
-    if (!s.iStuffedData || !huffHasStuffedByte(v)) {
+    if (!STUFFED || !huffHasStuffedByte(v)) {
         s.uAccumulator |= v >> s.iBits;
         s.pNext += (63 - s.iBits) >> 3;
         s.iBits |= 56;
@@ -67,8 +68,20 @@ inline void huffRefillFast(HuffBitState& s) {
 }
 
 // JPEG value extension: n bits v with a top bit of 0 stand for v - (2^n - 1).
+// Without a branch: the sign of v - 2^(n-1) selects the correction.
 inline int huffExtend(unsigned v, int n) {
-    return (v < (1u << (n - 1))) ? int(v) - int((1u << n) - 1) : int(v);
+    int32_t below = int32_t(v - (1u << (n - 1))) >> 31;
+    return int32_t(v) + (below & (int32_t(~0u << n) + 1));
+}
+
+// Takes the next n (0..16) bits of the accumulator as a JPEG value, without a
+// branch: the top bit (set for positive values) decides whether 2^n - 1 is
+// subtracted; n = 0 gives 0.
+inline int huffTakeValue(uint64_t& acc, int n) {
+    int32_t positive = int32_t(int64_t(acc) >> 63);
+    int32_t v = int32_t((acc >> 1) >> (63 - n));
+    acc <<= n;
+    return v + (~positive & (int32_t(~0u << n) + 1));
 }
 
 class Huffman {

@@ -27,12 +27,11 @@ const int ALIGN_ONE_PLANE = 48;
 enum BlockKind : unsigned char {
     KIND_DC_ONLY = 0,  // every AC coefficient zero: all 64 samples equal
     KIND_FULL = 1,     // coefficients within the vector kernels' range
-    KIND_WIDE = 2,     // some coefficient outside it: scalar transform, 32-bit samples
+    KIND_WIDE = 2,     // bit set when some coefficient is outside it: scalar transform
 };
 
 inline unsigned char blockKind(uint32_t rangeCheck, bool anyAC) {
-    if (rangeCheck >= 2u * WICKET_KERNEL_COEF_LIMIT) return KIND_WIDE;
-    return anyAC ? KIND_FULL : KIND_DC_ONLY;
+    return (unsigned char)(unsigned(anyAC) | unsigned(rangeCheck >= 2u * WICKET_KERNEL_COEF_LIMIT) << 1);
 }
 
 // The value jpeg_idct gives at every position of a block whose only non-zero
@@ -44,13 +43,46 @@ inline int32_t dcOnlySample(int32_t dc) {
 
 inline unsigned char clampByte(int32_t v) { return (unsigned char)(v < 0 ? 0 : v > 255 ? 255 : v); }
 
+const int AC_BLOCK_DONE = -1;
+
+// One AC symbol of the fast path: 0 to go on, AC_BLOCK_DONE when the block is
+// complete, or an error code. Needs 26 bits in the accumulator.
+inline int acStep(HuffBitState& s, const uint16_t* acLookup, const int* dequant, int32_t* coef, int& k,
+                  uint32_t& rangeCheck, bool& anyAC) {
+    unsigned entry = acLookup[s.uAccumulator >> 48];
+    if (entry == 0) return HUFF_ERROR_NO_CODE;
+    s.uAccumulator <<= (entry & 0x1F);
+    s.iBits -= int(entry & 0x1F);
+    unsigned rs = entry >> 8;
+    int size = int(rs & 0x0F);
+    k += int(rs >> 4);
+    if (size != 0) {
+        int v = huffTakeValue(s.uAccumulator, size);
+        s.iBits -= size;
+        if (k > 63) return WICKET_ERROR_COEF_OVERRUN;
+        int32_t c = v * dequant[k];
+        coef[WICKET_NATURAL_ORDER[k]] = c;
+        rangeCheck |= uint32_t(c) + WICKET_KERNEL_COEF_LIMIT;
+        anyAC = true;
+        return ++k == 64 ? AC_BLOCK_DONE : 0;
+    }
+    if (rs != ZRL_SYMBOL) return AC_BLOCK_DONE;  // end of block
+    ++k;  // the run of 15 was added above: 16 zeros in all
+    if (k > 64) return WICKET_ERROR_COEF_OVERRUN;
+    return k == 64 ? AC_BLOCK_DONE : 0;
+}
+
 // Decodes one block on the fast path. The caller guarantees HUFF_FAST_MARGIN
 // bytes of input after s.pNext, more than one block can consume, so the refill
-// never looks past the end and the data cannot run out inside the block.
+// never looks past the end and the data cannot run out inside the block. A
+// refill leaves at least 56 bits: enough for the DC symbol and its value (27)
+// and one AC symbol, or for two AC symbols with their values (2 x 26), so the
+// refills come at fixed places instead of behind a data-dependent branch.
 // Same results as Wicket::decodeCoefficients, which checks every step.
+template <bool STUFFED>
 inline int decodeBlockFast(HuffBitState& s, const HuffCodec& hc, const uint16_t* acLookup,
                            const int* dequant, int& predictor, int32_t* coef, unsigned char* kind) {
-    if (s.iBits < 32) huffRefillFast(s);
+    huffRefillFast<STUFFED>(s);
     unsigned peek = unsigned(s.uAccumulator >> 48);
     unsigned e = hc.aDCLookup[peek >> 8];
     int category, len;
@@ -62,46 +94,22 @@ inline int decodeBlockFast(HuffBitState& s, const HuffCodec& hc, const uint16_t*
         if (category < 0) return HUFF_ERROR_NO_CODE;
     }
     s.uAccumulator <<= len;
-    s.iBits -= len;
-    int diff = 0;
-    if (category != 0) {
-        diff = huffExtend(unsigned(s.uAccumulator >> (64 - category)), category);
-        s.uAccumulator <<= category;
-        s.iBits -= category;
-    }
-    predictor = wadd(predictor, diff);
+    s.iBits -= len + category;
+    predictor = wadd(predictor, huffTakeValue(s.uAccumulator, category));
     int32_t dc = wmul(predictor, dequant[0]);
     coef[0] = dc;
     uint32_t rangeCheck = uint32_t(dc) + WICKET_KERNEL_COEF_LIMIT;
     bool anyAC = false;
 
     int k = 1;
-    do {
-        if (s.iBits < 32) huffRefillFast(s);
-        unsigned entry = acLookup[s.uAccumulator >> 48];
-        if (entry == 0) return HUFF_ERROR_NO_CODE;
-        s.uAccumulator <<= (entry & 0x1F);
-        s.iBits -= int(entry & 0x1F);
-        unsigned rs = entry >> 8;
-        int size = int(rs & 0x0F);
-        k += int(rs >> 4);
-        if (size != 0) {
-            int v = huffExtend(unsigned(s.uAccumulator >> (64 - size)), size);
-            s.uAccumulator <<= size;
-            s.iBits -= size;
-            if (k > 63) return WICKET_ERROR_COEF_OVERRUN;
-            int32_t c = v * dequant[k];
-            coef[WICKET_NATURAL_ORDER[k]] = c;
-            rangeCheck |= uint32_t(c) + WICKET_KERNEL_COEF_LIMIT;
-            anyAC = true;
-            ++k;
-        } else if (rs == ZRL_SYMBOL) {
-            ++k;  // the run of 15 was added above: 16 zeros in all
-            if (k > 64) return WICKET_ERROR_COEF_OVERRUN;
-        } else {
-            break;  // end of block
-        }
-    } while (k < 64);
+    int rc = acStep(s, acLookup, dequant, coef, k, rangeCheck, anyAC);
+    while (rc == 0) {
+        huffRefillFast<STUFFED>(s);
+        rc = acStep(s, acLookup, dequant, coef, k, rangeCheck, anyAC);
+        if (rc != 0) break;
+        rc = acStep(s, acLookup, dequant, coef, k, rangeCheck, anyAC);
+    }
+    if (rc != AC_BLOCK_DONE) return rc;
     *kind = blockKind(rangeCheck, anyAC);
     return 0;
 }
@@ -249,8 +257,10 @@ int Wicket::decodeGroup(int planes, int mcus, int* done) {
         for (int p = 0; p < planes; ++p) {
             int t = p == 0 ? 0 : 1;
             if (s.pEnd - s.pNext >= HUFF_FAST_MARGIN) {
-                rc = decodeBlockFast(s, m_Huff.Codec(p), acLookup[t], m_aiDequantZigzag[t], aiPreviousDC[p],
-                                     sc.coef[m][p], &sc.kind[m][p]);
+                rc = s.iStuffedData ? decodeBlockFast<true>(s, m_Huff.Codec(p), acLookup[t], m_aiDequantZigzag[t],
+                                                            aiPreviousDC[p], sc.coef[m][p], &sc.kind[m][p])
+                                    : decodeBlockFast<false>(s, m_Huff.Codec(p), acLookup[t], m_aiDequantZigzag[t],
+                                                             aiPreviousDC[p], sc.coef[m][p], &sc.kind[m][p]);
             } else {
                 m_Huff.m_State = s;
                 rc = decodeCoefficients(p, sc.coef[m][p], &sc.kind[m][p]);
@@ -264,30 +274,24 @@ int Wicket::decodeGroup(int planes, int mcus, int* done) {
     return rc;
 }
 
-void Wicket::clearGroup(int planes, int mcus) {
-    Scratch& sc = *m_pScratch;
-    for (int m = 0; m < mcus; ++m)
-        for (int p = 0; p < planes; ++p) {
-            if (sc.kind[m][p] == KIND_DC_ONLY)
-                sc.coef[m][p][0] = 0;
-            else
-                memset(sc.coef[m][p], 0, sizeof(sc.coef[m][p]));
-        }
-}
-
 // Inverse DCT of each plane into the sample rows, then colour conversion of the
-// 8 rows. An MCU with a block outside the kernels' range is redone afterwards
-// in 32-bit scalar arithmetic over the pixels the vector pass wrote.
+// 8 rows. An MCU with a block outside the kernels' range is left to 32-bit
+// scalar arithmetic, which overwrites what the vector pass wrote for it. Every
+// block's coefficients end up cleared for the next group.
 void Wicket::renderColourGroup(int mcus, unsigned char* out, long rowBytes) {
     Scratch& sc = *m_pScratch;
     const WicketKernels& kern = wicketKernels(m_iSimdLevel);
-    bool anyWide = false;
+    bool wide[GROUP_MCUS], anyWide = false;
+    for (int m = 0; m < mcus; ++m) {
+        wide[m] = ((sc.kind[m][0] | sc.kind[m][1] | sc.kind[m][2]) & KIND_WIDE) != 0;
+        anyWide = anyWide || wide[m];
+    }
     for (int p = 0; p < WICKET_MAX_PLANES; ++p) {
         int pending = -1;
         for (int m = 0; m < mcus; ++m) {
+            if (wide[m]) continue;
             int16_t* dst = &sc.samples[p][0][m * WICKET_BLOCK];
-            unsigned char kind = sc.kind[m][p];
-            if (kind == KIND_FULL) {
+            if (sc.kind[m][p] == KIND_FULL) {
                 if (pending < 0) {
                     pending = m;
                 } else {
@@ -295,29 +299,29 @@ void Wicket::renderColourGroup(int mcus, unsigned char* out, long rowBytes) {
                                      dst, GROUP_WIDTH);
                     pending = -1;
                 }
-            } else if (kind == KIND_DC_ONLY) {
+            } else {
                 int16_t v = int16_t(dcOnlySample(sc.coef[m][p][0]));
+                sc.coef[m][p][0] = 0;
                 for (int r = 0; r < WICKET_BLOCK; ++r)
                     for (int c = 0; c < WICKET_BLOCK; ++c) dst[r * GROUP_WIDTH + c] = v;
-            } else {
-                anyWide = true;
             }
         }
         if (pending >= 0) kern.idctS16(sc.coef[pending][p], &sc.samples[p][0][pending * WICKET_BLOCK], GROUP_WIDTH);
     }
     for (int r = 0; r < WICKET_BLOCK; ++r)
         kern.yccRow(sc.samples[0][r], sc.samples[1][r], sc.samples[2][r], out + r * rowBytes, mcus * WICKET_BLOCK);
-    if (anyWide) {
-        for (int m = 0; m < mcus; ++m) {
-            if (sc.kind[m][0] != KIND_WIDE && sc.kind[m][1] != KIND_WIDE && sc.kind[m][2] != KIND_WIDE) continue;
-            int s[WICKET_MAX_PLANES][WICKET_BLOCK_COEFS];
-            for (int p = 0; p < WICKET_MAX_PLANES; ++p) jpeg_idct(reinterpret_cast<const int*>(sc.coef[m][p]), s[p]);
-            for (int i = 0; i < WICKET_BLOCK_COEFS; ++i)
-                wicketYccPixel(s[0][i], s[1][i], s[2][i],
-                               out + (i / WICKET_BLOCK) * rowBytes + (m * WICKET_BLOCK + i % WICKET_BLOCK) * 3);
+    if (!anyWide) return;
+    for (int m = 0; m < mcus; ++m) {
+        if (!wide[m]) continue;
+        int s[WICKET_MAX_PLANES][WICKET_BLOCK_COEFS];
+        for (int p = 0; p < WICKET_MAX_PLANES; ++p) {
+            jpeg_idct(reinterpret_cast<const int*>(sc.coef[m][p]), s[p]);
+            memset(sc.coef[m][p], 0, sizeof(sc.coef[m][p]));
         }
+        for (int i = 0; i < WICKET_BLOCK_COEFS; ++i)
+            wicketYccPixel(s[0][i], s[1][i], s[2][i],
+                           out + (i / WICKET_BLOCK) * rowBytes + (m * WICKET_BLOCK + i % WICKET_BLOCK) * 3);
     }
-    clearGroup(WICKET_MAX_PLANES, mcus);
 }
 
 void Wicket::renderGreyGroup(int blocks, unsigned char* out, long rowBytes) {
@@ -327,26 +331,28 @@ void Wicket::renderGreyGroup(int blocks, unsigned char* out, long rowBytes) {
     int stride = int(rowBytes);
     for (int m = 0; m < blocks; ++m) {
         unsigned char* dst = out + m * WICKET_BLOCK;
+        int32_t* coef = sc.coef[m][0];
         unsigned char kind = sc.kind[m][0];
         if (kind == KIND_FULL) {
             if (pending < 0) {
                 pending = m;
             } else {
-                kern.idctU8Pair(sc.coef[pending][0], sc.coef[m][0], out + pending * WICKET_BLOCK, dst, stride);
+                kern.idctU8Pair(sc.coef[pending][0], coef, out + pending * WICKET_BLOCK, dst, stride);
                 pending = -1;
             }
         } else if (kind == KIND_DC_ONLY) {
-            unsigned char v = clampByte(wadd(dcOnlySample(sc.coef[m][0][0]), WICKET_ROUND_ADDER));
+            unsigned char v = clampByte(wadd(dcOnlySample(coef[0]), WICKET_ROUND_ADDER));
+            coef[0] = 0;
             for (int r = 0; r < WICKET_BLOCK; ++r) memset(dst + r * rowBytes, v, WICKET_BLOCK);
         } else {
             int s[WICKET_BLOCK_COEFS];
-            jpeg_idct(reinterpret_cast<const int*>(sc.coef[m][0]), s);
+            jpeg_idct(reinterpret_cast<const int*>(coef), s);
+            memset(coef, 0, sizeof(sc.coef[m][0]));
             for (int i = 0; i < WICKET_BLOCK_COEFS; ++i)
                 dst[(i / WICKET_BLOCK) * rowBytes + i % WICKET_BLOCK] = clampByte(wadd(s[i], WICKET_ROUND_ADDER));
         }
     }
     if (pending >= 0) kern.idctU8(sc.coef[pending][0], out + pending * WICKET_BLOCK, stride);
-    clearGroup(1, blocks);
 }
 
 int Wicket::decodeBand(const unsigned char* data, int dataLen, unsigned char* out, long outLen, int width,

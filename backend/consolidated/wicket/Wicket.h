@@ -81,7 +81,6 @@ private:
     int decodeGroup(int planes, int mcus, int* done);
     void renderColourGroup(int mcus, unsigned char* out, long rowBytes);
     void renderGreyGroup(int blocks, unsigned char* out, long rowBytes);
-    void clearGroup(int planes, int mcus);
 
     int m_iSimdLevel;
     int m_aiDequantZigzag[2][64];  // luminance, chrominance, in zig-zag order

@@ -1,5 +1,7 @@
 #include "WicketKernels.h"
 
+#include <cstring>
+
 #include "WrapInt.h"
 #include "jidctint.h"
 
@@ -20,21 +22,23 @@ void wicketYccPixel(int32_t y, int32_t cb, int32_t cr, uint8_t* rgb) {
 
 namespace {
 
-void idctS16Scalar(const int32_t* coef, int16_t* out, int stride) {
+void idctS16Scalar(int32_t* coef, int16_t* out, int stride) {
     int s[64];
     jpeg_idct(reinterpret_cast<const int*>(coef), s);
+    memset(coef, 0, 64 * sizeof(int32_t));
     for (int r = 0; r < 8; ++r)
         for (int c = 0; c < 8; ++c) out[r * stride + c] = (int16_t)s[8 * r + c];
 }
 
-void idctS16PairScalar(const int32_t* coefA, const int32_t* coefB, int16_t* outA, int16_t* outB, int stride) {
+void idctS16PairScalar(int32_t* coefA, int32_t* coefB, int16_t* outA, int16_t* outB, int stride) {
     idctS16Scalar(coefA, outA, stride);
     idctS16Scalar(coefB, outB, stride);
 }
 
-void idctU8Scalar(const int32_t* coef, uint8_t* out, int stride) {
+void idctU8Scalar(int32_t* coef, uint8_t* out, int stride) {
     int s[64];
     jpeg_idct(reinterpret_cast<const int*>(coef), s);
+    memset(coef, 0, 64 * sizeof(int32_t));
     for (int r = 0; r < 8; ++r)
         for (int c = 0; c < 8; ++c) {
             int32_t v = wadd(s[8 * r + c], WICKET_ROUND_ADDER);
@@ -42,7 +46,7 @@ void idctU8Scalar(const int32_t* coef, uint8_t* out, int stride) {
         }
 }
 
-void idctU8PairScalar(const int32_t* coefA, const int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride) {
+void idctU8PairScalar(int32_t* coefA, int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride) {
     idctU8Scalar(coefA, outA, stride);
     idctU8Scalar(coefB, outB, stride);
 }
@@ -57,12 +61,12 @@ const WicketKernels SCALAR_KERNELS = {WICKET_SIMD_SCALAR, idctS16Scalar, idctS16
 #ifdef WICKET_HAVE_X86
 #include "WicketSimd.inl"
 
-void idctS16PairSse2(const int32_t* coefA, const int32_t* coefB, int16_t* outA, int16_t* outB, int stride) {
+void idctS16PairSse2(int32_t* coefA, int32_t* coefB, int16_t* outA, int16_t* outB, int stride) {
     idctS16Vec(coefA, outA, stride);
     idctS16Vec(coefB, outB, stride);
 }
 
-void idctU8PairSse2(const int32_t* coefA, const int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride) {
+void idctU8PairSse2(int32_t* coefA, int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride) {
     idctU8Vec(coefA, outA, stride);
     idctU8Vec(coefB, outB, stride);
 }

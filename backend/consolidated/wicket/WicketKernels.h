@@ -25,16 +25,16 @@ const int WICKET_CB_TO_G = -352;
 const int WICKET_CR_TO_G = -731;
 const int WICKET_CB_TO_B = 1815;
 
+// The inverse DCT kernels leave the coefficients they read set to zero, ready
+// for the next block to be decoded into.
 struct WicketKernels {
     int iLevel;
     // 64 coefficients (natural order) to 8 rows of 8 signed samples.
-    void (*idctS16)(const int32_t* coef, int16_t* out, int stride);
-    void (*idctS16Pair)(const int32_t* coefA, const int32_t* coefB, int16_t* outA, int16_t* outB,
-                        int stride);
+    void (*idctS16)(int32_t* coef, int16_t* out, int stride);
+    void (*idctS16Pair)(int32_t* coefA, int32_t* coefB, int16_t* outA, int16_t* outB, int stride);
     // 64 coefficients to 8 rows of 8 grey bytes (sample + 128, clamped).
-    void (*idctU8)(const int32_t* coef, uint8_t* out, int stride);
-    void (*idctU8Pair)(const int32_t* coefA, const int32_t* coefB, uint8_t* outA, uint8_t* outB,
-                       int stride);
+    void (*idctU8)(int32_t* coef, uint8_t* out, int stride);
+    void (*idctU8Pair)(int32_t* coefA, int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride);
     // One row of width pixels (a multiple of 8) from Y, Cb, Cr samples to R, G, B bytes.
     void (*yccRow)(const int16_t* y, const int16_t* cb, const int16_t* cr, uint8_t* rgb, int width);
 };

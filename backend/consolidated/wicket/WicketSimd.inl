@@ -130,21 +130,25 @@ inline void idctBlock(V* rows, int levelShift) {
     transpose8x8(rows);
 }
 
-inline void loadCoefRows(const int32_t* coef, __m128i* rows) {
+// Loads the 8 coefficient rows as 16-bit values and clears the block.
+inline void loadCoefRows(int32_t* coef, __m128i* rows) {
+    const __m128i zero = _mm_setzero_si128();
     for (int r = 0; r < 8; ++r) {
-        const __m128i* p = reinterpret_cast<const __m128i*>(coef + 8 * r);
+        __m128i* p = reinterpret_cast<__m128i*>(coef + 8 * r);
         rows[r] = _mm_packs_epi32(_mm_loadu_si128(p), _mm_loadu_si128(p + 1));
+        _mm_storeu_si128(p, zero);
+        _mm_storeu_si128(p + 1, zero);
     }
 }
 
-void idctS16Vec(const int32_t* coef, int16_t* out, int stride) {
+void idctS16Vec(int32_t* coef, int16_t* out, int stride) {
     __m128i rows[8];
     loadCoefRows(coef, rows);
     idctBlock(rows, 0);
     for (int r = 0; r < 8; ++r) _mm_storeu_si128(reinterpret_cast<__m128i*>(out + r * stride), rows[r]);
 }
 
-void idctU8Vec(const int32_t* coef, uint8_t* out, int stride) {
+void idctU8Vec(int32_t* coef, uint8_t* out, int stride) {
     __m128i rows[8];
     loadCoefRows(coef, rows);
     idctBlock(rows, 128);
@@ -156,16 +160,20 @@ void idctU8Vec(const int32_t* coef, uint8_t* out, int stride) {
 }
 
 #ifdef WICKET_SIMD_WITH_AVX2
-inline void loadCoefRowsPair(const int32_t* a, const int32_t* b, __m256i* rows) {
+inline void loadCoefRowsPair(int32_t* a, int32_t* b, __m256i* rows) {
+    const __m256i zero = _mm256_setzero_si256();
     for (int r = 0; r < 8; ++r) {
-        __m256i va = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + 8 * r));
-        __m256i vb = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 8 * r));
+        __m256i* pa = reinterpret_cast<__m256i*>(a + 8 * r);
+        __m256i* pb = reinterpret_cast<__m256i*>(b + 8 * r);
+        __m256i va = _mm256_loadu_si256(pa), vb = _mm256_loadu_si256(pb);
+        _mm256_storeu_si256(pa, zero);
+        _mm256_storeu_si256(pb, zero);
         // packs gives [a0-3 b0-3 | a4-7 b4-7]; the permute puts block a in the low lane.
         rows[r] = _mm256_permute4x64_epi64(_mm256_packs_epi32(va, vb), 0xD8);
     }
 }
 
-void idctS16PairVec(const int32_t* coefA, const int32_t* coefB, int16_t* outA, int16_t* outB, int stride) {
+void idctS16PairVec(int32_t* coefA, int32_t* coefB, int16_t* outA, int16_t* outB, int stride) {
     __m256i rows[8];
     loadCoefRowsPair(coefA, coefB, rows);
     idctBlock(rows, 0);
@@ -175,7 +183,7 @@ void idctS16PairVec(const int32_t* coefA, const int32_t* coefB, int16_t* outA, i
     }
 }
 
-void idctU8PairVec(const int32_t* coefA, const int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride) {
+void idctU8PairVec(int32_t* coefA, int32_t* coefB, uint8_t* outA, uint8_t* outB, int stride) {
     __m256i rows[8];
     loadCoefRowsPair(coefA, coefB, rows);
     idctBlock(rows, 128);
