@@ -30,8 +30,21 @@ enum BlockKind : unsigned char {
     KIND_WIDE = 2,     // bit set when some coefficient is outside it: scalar transform
 };
 
-inline unsigned char blockKind(uint32_t rangeCheck, bool anyAC) {
-    return (unsigned char)(unsigned(anyAC) | unsigned(rangeCheck >= 2u * WICKET_KERNEL_COEF_LIMIT) << 1);
+// The range check word of a block: bit 11 when the DC coefficient is outside
+// the kernels' range; each AC coefficient c adds c + 1024 + 2^31, which sets
+// bit 31 when c is in range and some bit from 11 to 30 when it is not (AC
+// coefficients stay within 2^18 in magnitude).
+const uint32_t RANGE_DC_WIDE = 1u << 11;
+const uint32_t RANGE_AC_BIAS = 0x80000000u + WICKET_KERNEL_COEF_LIMIT;
+const uint32_t RANGE_ANY_AC = 0x80000000u;
+const uint32_t RANGE_WIDE_BITS = 0x7FFFF800u;
+
+inline uint32_t dcRangeCheck(int32_t dc) {
+    return uint32_t(dc) + WICKET_KERNEL_COEF_LIMIT >= 2u * WICKET_KERNEL_COEF_LIMIT ? RANGE_DC_WIDE : 0u;
+}
+
+inline unsigned char blockKind(uint32_t rangeCheck) {
+    return (unsigned char)((rangeCheck >> 31) | unsigned((rangeCheck & RANGE_WIDE_BITS) != 0) << 1);
 }
 
 // The value jpeg_idct gives at every position of a block whose only non-zero
@@ -44,11 +57,13 @@ inline int32_t dcOnlySample(int32_t dc) {
 inline unsigned char clampByte(int32_t v) { return (unsigned char)(v < 0 ? 0 : v > 255 ? 255 : v); }
 
 const int AC_BLOCK_DONE = -1;
+const int ZIGZAG_DEQUANT_SHIFT = 8;
+const uint32_t ZIGZAG_POSITION_MASK = 0xFF;
 
 // One AC symbol of the fast path: 0 to go on, AC_BLOCK_DONE when the block is
 // complete, or an error code. Needs 26 bits in the accumulator.
-inline int acStep(HuffBitState& s, const uint16_t* acLookup, const int* dequant, int32_t* coef, int& k,
-                  uint32_t& rangeCheck, bool& anyAC) {
+inline int acStep(HuffBitState& s, const uint16_t* acLookup, const uint32_t* zigzag, int32_t* coef, int& k,
+                  uint32_t& rangeCheck) {
     unsigned entry = acLookup[s.uAccumulator >> 48];
     if (entry == 0) return HUFF_ERROR_NO_CODE;
     s.uAccumulator <<= (entry & 0x1F);
@@ -60,10 +75,10 @@ inline int acStep(HuffBitState& s, const uint16_t* acLookup, const int* dequant,
         int v = huffTakeValue(s.uAccumulator, size);
         s.iBits -= size;
         if (k > 63) return WICKET_ERROR_COEF_OVERRUN;
-        int32_t c = v * dequant[k];
-        coef[WICKET_NATURAL_ORDER[k]] = c;
-        rangeCheck |= uint32_t(c) + WICKET_KERNEL_COEF_LIMIT;
-        anyAC = true;
+        uint32_t z = zigzag[k];
+        int32_t c = v * int32_t(z >> ZIGZAG_DEQUANT_SHIFT);
+        coef[z & ZIGZAG_POSITION_MASK] = c;
+        rangeCheck |= uint32_t(c) + RANGE_AC_BIAS;
         return ++k == 64 ? AC_BLOCK_DONE : 0;
     }
     if (rs != ZRL_SYMBOL) return AC_BLOCK_DONE;  // end of block
@@ -81,7 +96,7 @@ inline int acStep(HuffBitState& s, const uint16_t* acLookup, const int* dequant,
 // Same results as Wicket::decodeCoefficients, which checks every step.
 template <bool STUFFED>
 inline int decodeBlockFast(HuffBitState& s, const HuffCodec& hc, const uint16_t* acLookup,
-                           const int* dequant, int& predictor, int32_t* coef, unsigned char* kind) {
+                           const uint32_t* zigzag, int& predictor, int32_t* coef, unsigned char* kind) {
     huffRefillFast<STUFFED>(s);
     unsigned peek = unsigned(s.uAccumulator >> 48);
     unsigned e = hc.aDCLookup[peek >> 8];
@@ -96,21 +111,20 @@ inline int decodeBlockFast(HuffBitState& s, const HuffCodec& hc, const uint16_t*
     s.uAccumulator <<= len;
     s.iBits -= len + category;
     predictor = wadd(predictor, huffTakeValue(s.uAccumulator, category));
-    int32_t dc = wmul(predictor, dequant[0]);
+    int32_t dc = wmul(predictor, int32_t(zigzag[0] >> ZIGZAG_DEQUANT_SHIFT));
     coef[0] = dc;
-    uint32_t rangeCheck = uint32_t(dc) + WICKET_KERNEL_COEF_LIMIT;
-    bool anyAC = false;
+    uint32_t rangeCheck = dcRangeCheck(dc);
 
     int k = 1;
-    int rc = acStep(s, acLookup, dequant, coef, k, rangeCheck, anyAC);
+    int rc = acStep(s, acLookup, zigzag, coef, k, rangeCheck);
     while (rc == 0) {
         huffRefillFast<STUFFED>(s);
-        rc = acStep(s, acLookup, dequant, coef, k, rangeCheck, anyAC);
+        rc = acStep(s, acLookup, zigzag, coef, k, rangeCheck);
         if (rc != 0) break;
-        rc = acStep(s, acLookup, dequant, coef, k, rangeCheck, anyAC);
+        rc = acStep(s, acLookup, zigzag, coef, k, rangeCheck);
     }
     if (rc != AC_BLOCK_DONE) return rc;
-    *kind = blockKind(rangeCheck, anyAC);
+    *kind = blockKind(rangeCheck);
     return 0;
 }
 
@@ -163,8 +177,11 @@ int Wicket::QualityFactor(int qLuminance, int qChrominance) {
     wicketScaleTable(ANNEXK_CHROMINANCE_QUANT, qChrominance, m_aiChrominanceQuantTable,
                      m_aiChrominanceDequantTable);
     for (int k = 0; k < 64; ++k) {
-        m_aiDequantZigzag[0][k] = m_aiLuminanceDequantTable[WICKET_NATURAL_ORDER[k]];
-        m_aiDequantZigzag[1][k] = m_aiChrominanceDequantTable[WICKET_NATURAL_ORDER[k]];
+        unsigned n = unsigned(WICKET_NATURAL_ORDER[k]);
+        m_aiDequantZigzag[0][k] = m_aiLuminanceDequantTable[n];
+        m_aiDequantZigzag[1][k] = m_aiChrominanceDequantTable[n];
+        m_auZigzag[0][k] = uint32_t(m_aiLuminanceDequantTable[n]) << ZIGZAG_DEQUANT_SHIFT | n;
+        m_auZigzag[1][k] = uint32_t(m_aiChrominanceDequantTable[n]) << ZIGZAG_DEQUANT_SHIFT | n;
     }
     return 0;
 }
@@ -220,8 +237,7 @@ int Wicket::decodeCoefficients(int plane, int32_t* coef, unsigned char* kind) {
     aiPreviousDC[plane] = wadd(aiPreviousDC[plane], diff);
     int32_t dc = wmul(aiPreviousDC[plane], dequant[0]);
     coef[0] = dc;
-    uint32_t rangeCheck = uint32_t(dc) + WICKET_KERNEL_COEF_LIMIT;
-    bool anyAC = false;
+    uint32_t rangeCheck = dcRangeCheck(dc);
     int k = 1;
     while (k < 64) {
         unsigned symbol;
@@ -238,11 +254,10 @@ int Wicket::decodeCoefficients(int plane, int32_t* coef, unsigned char* kind) {
         if (k > 63) return WICKET_ERROR_COEF_OVERRUN;
         int32_t c = value * dequant[k];
         coef[WICKET_NATURAL_ORDER[k]] = c;
-        rangeCheck |= uint32_t(c) + WICKET_KERNEL_COEF_LIMIT;
-        anyAC = true;
+        rangeCheck |= uint32_t(c) + RANGE_AC_BIAS;
         ++k;
     }
-    *kind = blockKind(rangeCheck, anyAC);
+    *kind = blockKind(rangeCheck);
     return 0;
 }
 
@@ -257,9 +272,9 @@ int Wicket::decodeGroup(int planes, int mcus, int* done) {
         for (int p = 0; p < planes; ++p) {
             int t = p == 0 ? 0 : 1;
             if (s.pEnd - s.pNext >= HUFF_FAST_MARGIN) {
-                rc = s.iStuffedData ? decodeBlockFast<true>(s, m_Huff.Codec(p), acLookup[t], m_aiDequantZigzag[t],
+                rc = s.iStuffedData ? decodeBlockFast<true>(s, m_Huff.Codec(p), acLookup[t], m_auZigzag[t],
                                                             aiPreviousDC[p], sc.coef[m][p], &sc.kind[m][p])
-                                    : decodeBlockFast<false>(s, m_Huff.Codec(p), acLookup[t], m_aiDequantZigzag[t],
+                                    : decodeBlockFast<false>(s, m_Huff.Codec(p), acLookup[t], m_auZigzag[t],
                                                              aiPreviousDC[p], sc.coef[m][p], &sc.kind[m][p]);
             } else {
                 m_Huff.m_State = s;

@@ -84,6 +84,7 @@ private:
 
     int m_iSimdLevel;
     int m_aiDequantZigzag[2][64];  // luminance, chrominance, in zig-zag order
+    uint32_t m_auZigzag[2][64];    // per zig-zag index: dequantisation << 8 | natural position
     std::unique_ptr<Scratch> m_pScratch;
 };
 

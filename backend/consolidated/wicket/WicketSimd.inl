@@ -4,7 +4,10 @@
 // a 128-bit lane, so both types run the same algorithm.
 //
 // Included by WicketKernels.cpp (SSE2) and WicketKernelsAvx2.cpp (AVX2, with
-// WICKET_SIMD_WITH_AVX2 defined), inside an unnamed namespace of each.
+// WICKET_SIMD_WITH_AVX2 defined), inside an unnamed namespace of each. The
+// passes are forced inline so that the rows stay in registers.
+
+#define WICKET_INLINE inline __attribute__((always_inline))
 
 inline __m128i vadd32(__m128i a, __m128i b) { return _mm_add_epi32(a, b); }
 inline __m128i vsub32(__m128i a, __m128i b) { return _mm_sub_epi32(a, b); }
@@ -48,7 +51,7 @@ template <class V> inline V vpair(int lo, int hi) {
 // Products are summed in 32 bits exactly as jpeg_idct does modulo 2^32; the
 // rounding constant is added before the shift, the results packed to 16 bits.
 template <class V, int SHIFT>
-inline void idctPass(const V* in, V* out, int32_t round) {
+WICKET_INLINE void idctPass(const V* in, V* out, int32_t round) {
     const V kTmp0 = vpair<V>(1 << IDCT_CONST_BITS, 1 << IDCT_CONST_BITS);   // (d0, d4)
     const V kTmp1 = vpair<V>(1 << IDCT_CONST_BITS, -(1 << IDCT_CONST_BITS));
     const V kTmp3 = vpair<V>(FIX_0_541196100 + FIX_0_765366865, FIX_0_541196100);  // (d2, d6)
@@ -99,7 +102,7 @@ inline void idctPass(const V* in, V* out, int32_t round) {
 
 // Transposes the 8 x 8 16-bit matrix held in r[0..7] (per 128-bit lane).
 template <class V>
-inline void transpose8x8(V* r) {
+WICKET_INLINE void transpose8x8(V* r) {
     V a0 = vunpacklo16(r[0], r[1]), a1 = vunpackhi16(r[0], r[1]);
     V a2 = vunpacklo16(r[2], r[3]), a3 = vunpackhi16(r[2], r[3]);
     V a4 = vunpacklo16(r[4], r[5]), a5 = vunpackhi16(r[4], r[5]);
@@ -121,7 +124,7 @@ inline void transpose8x8(V* r) {
 // Both passes: rows[] holds the 8 coefficient rows on entry and the 8 sample
 // rows on return, each plus levelShift.
 template <class V>
-inline void idctBlock(V* rows, int levelShift) {
+WICKET_INLINE void idctBlock(V* rows, int levelShift) {
     V t[8];
     idctPass<V, IDCT_CONST_BITS - IDCT_PASS1_BITS>(rows, t, 1 << (IDCT_CONST_BITS - IDCT_PASS1_BITS - 1));
     transpose8x8(t);
@@ -131,7 +134,7 @@ inline void idctBlock(V* rows, int levelShift) {
 }
 
 // Loads the 8 coefficient rows as 16-bit values and clears the block.
-inline void loadCoefRows(int32_t* coef, __m128i* rows) {
+WICKET_INLINE void loadCoefRows(int32_t* coef, __m128i* rows) {
     const __m128i zero = _mm_setzero_si128();
     for (int r = 0; r < 8; ++r) {
         __m128i* p = reinterpret_cast<__m128i*>(coef + 8 * r);
@@ -160,7 +163,7 @@ void idctU8Vec(int32_t* coef, uint8_t* out, int stride) {
 }
 
 #ifdef WICKET_SIMD_WITH_AVX2
-inline void loadCoefRowsPair(int32_t* a, int32_t* b, __m256i* rows) {
+WICKET_INLINE void loadCoefRowsPair(int32_t* a, int32_t* b, __m256i* rows) {
     const __m256i zero = _mm256_setzero_si256();
     for (int r = 0; r < 8; ++r) {
         __m256i* pa = reinterpret_cast<__m256i*>(a + 8 * r);
@@ -206,7 +209,7 @@ void idctU8PairVec(int32_t* coefA, int32_t* coefB, uint8_t* outA, uint8_t* outB,
 // 131200 = 128*1024 + 128. Products of 16-bit samples cannot overflow 32 bits,
 // and the saturating packs clamp exactly as the scalar formula does.
 template <class V>
-inline void yccToRgb16(V y, V cb, V cr, V& r16, V& g16, V& b16) {
+WICKET_INLINE void yccToRgb16(V y, V cb, V cr, V& r16, V& g16, V& b16) {
     const int32_t bias = (WICKET_ROUND_ADDER << WICKET_RGB_SHIFT_BITS) + WICKET_ROUND_ADDER;
     const V kR = vpair<V>(1 << WICKET_RGB_SHIFT_BITS, WICKET_CR_TO_R);        // (Y, Cr)
     const V kG1 = vpair<V>(1 << WICKET_RGB_SHIFT_BITS, WICKET_CB_TO_G);       // (Y, Cb)
