@@ -150,13 +150,20 @@ INSTANTIATE_TEST_SUITE_P(Cases, PassThrough,
                                            PassCase{"interleaved", 1, 2, 1}),
                          [](const ::testing::TestParamInfo<PassCase>& i) { return std::string(i.param.name); });
 
-TEST(DecompressionStageFaults, NothingRawOrTooShortWaitsForMoreData) {
+// A colour Wicket scan of two bands.
+class DecompressionStageFaults : public ::testing::Test {
+protected:
+    void SetUp() override {
+        configure(config, 1, 2, 2, BAND);
+        ASSERT_EQ(stage.Initialize(&config), 1);
+    }
     ConfigReader config;
-    configure(config, 1, 2, 2, BAND);
     DeCompHandler stage;
-    stage.Initialize(&config);
-    DataBuffer buf;
     ImageData image;
+};
+
+TEST_F(DecompressionStageFaults, NothingRawOrTooShortWaitsForMoreData) {
+    DataBuffer buf;
     EXPECT_EQ(stage.Decompress(&buf, &image), 0);
     const Bytes header = {0x00, 0x00, 0x10, 0x00, 0, 0, 0, 16, 0, 0, 0, 100, 0, 0, 0, 75, 0xAA};
     for (size_t n = 1; n <= header.size(); ++n) {
@@ -174,12 +181,7 @@ TEST(DecompressionStageFaults, NothingRawOrTooShortWaitsForMoreData) {
     EXPECT_EQ(buf.GetAllDataSize(), 16);
 }
 
-TEST(DecompressionStageFaults, CorruptChunkIsDroppedAndShortChunkDropsTheRawData) {
-    ConfigReader config;
-    configure(config, 1, 2, 2, BAND);
-    DeCompHandler stage;
-    stage.Initialize(&config);
-    ImageData image;
+TEST_F(DecompressionStageFaults, CorruptChunkIsDroppedAndShortChunkDropsTheRawData) {
     Bytes chunk = encode(bandImage(3, BAND, 3), 3, BAND);
     std::fill(chunk.begin() + 16, chunk.end(), 0xFF);  // every bit 1: no code matches
     const Bytes after = {9, 8, 7};

@@ -47,6 +47,14 @@ public:
     // The category whose code longer than 8 bits prefixes the 16 peeked bits
     // (categories searched in order), or -1; its length in *len.
     int FindDC(unsigned peek16, int* len) const;
+    // The DC category coded at the start of the 16 peeked bits: the 256-entry
+    // look-up for codes of up to 8 bits, else the search. -1 when none matches.
+    int DecodeDC(unsigned peek16, int* len) const {
+        unsigned e = aDCLookup[peek16 >> 8];
+        if (e == 0) return FindDC(peek16, len);
+        *len = int(e & 0x0F);
+        return int(e >> 4);
+    }
 
     // AC look-up by the next 16 bits: (symbol << 8) | length, 0 when no code matches.
     const uint16_t* ACLookup() const { return pACLookup.get(); }

@@ -43,16 +43,9 @@ int Huffman::DecodeVLI(int n, int* value) {
 int Huffman::DecodeDC(const HuffCodec& codec, int* diff) {
     *diff = 0;
     if (need(HUFF_PEEK_BITS) != 0) return HUFF_ERROR_DATA_EXHAUSTED;
-    unsigned peek = unsigned(m_State.uAccumulator >> 48);
-    unsigned e = codec.aDCLookup[peek >> 8];
-    int category = -1, len = 0;
-    if (e != 0) {
-        category = int(e >> 4);
-        len = int(e & 0x0F);
-    } else {
-        category = codec.FindDC(peek, &len);
-        if (category < 0) return HUFF_ERROR_NO_CODE;
-    }
+    int len = 0;
+    int category = codec.DecodeDC(unsigned(m_State.uAccumulator >> 48), &len);
+    if (category < 0) return HUFF_ERROR_NO_CODE;
     m_State.uAccumulator <<= len;
     m_State.iBits -= len;
     return DecodeVLI(category, diff);

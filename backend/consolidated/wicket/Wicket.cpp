@@ -44,7 +44,7 @@ inline uint32_t dcRangeCheck(int32_t dc) {
 }
 
 inline unsigned char blockKind(uint32_t rangeCheck) {
-    return (unsigned char)((rangeCheck >> 31) | unsigned((rangeCheck & RANGE_WIDE_BITS) != 0) << 1);
+    return (unsigned char)(unsigned((rangeCheck & RANGE_ANY_AC) != 0) | unsigned((rangeCheck & RANGE_WIDE_BITS) != 0) << 1);
 }
 
 // The value jpeg_idct gives at every position of a block whose only non-zero
@@ -98,16 +98,9 @@ template <bool STUFFED>
 inline int decodeBlockFast(HuffBitState& s, const HuffCodec& hc, const uint16_t* acLookup,
                            const uint32_t* zigzag, int& predictor, int32_t* coef, unsigned char* kind) {
     huffRefillFast<STUFFED>(s);
-    unsigned peek = unsigned(s.uAccumulator >> 48);
-    unsigned e = hc.aDCLookup[peek >> 8];
-    int category, len;
-    if (e != 0) {
-        category = int(e >> 4);
-        len = int(e & 0x0F);
-    } else {
-        category = hc.FindDC(peek, &len);
-        if (category < 0) return HUFF_ERROR_NO_CODE;
-    }
+    int len = 0;
+    int category = hc.DecodeDC(unsigned(s.uAccumulator >> 48), &len);
+    if (category < 0) return HUFF_ERROR_NO_CODE;
     s.uAccumulator <<= len;
     s.iBits -= len + category;
     predictor = wadd(predictor, huffTakeValue(s.uAccumulator, category));

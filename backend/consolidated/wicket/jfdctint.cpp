@@ -2,7 +2,6 @@
 
 #include <cstdint>
 
-#include "WrapInt.h"
 #include "jidctint.h"
 
 namespace {
@@ -29,23 +28,11 @@ void fdct1D(int32_t* d, int step, int oddShift, int evenShift) {
     d[2 * step] = descale(wadd(z1, wmul(tmp13, FIX_0_765366865)), oddShift);
     d[6 * step] = descale(wadd(z1, wmul(tmp12, -FIX_1_847759065)), oddShift);
 
-    z1 = wadd(tmp4, tmp7);
-    int32_t z2 = wadd(tmp5, tmp6);
-    int32_t z3 = wadd(tmp4, tmp6);
-    int32_t z4 = wadd(tmp5, tmp7);
-    int32_t z5 = wmul(wadd(z3, z4), FIX_1_175875602);
-    tmp4 = wmul(tmp4, FIX_0_298631336);
-    tmp5 = wmul(tmp5, FIX_2_053119869);
-    tmp6 = wmul(tmp6, FIX_3_072711026);
-    tmp7 = wmul(tmp7, FIX_1_501321110);
-    z1 = wmul(z1, -FIX_0_899976223);
-    z2 = wmul(z2, -FIX_2_562915447);
-    z3 = wadd(wmul(z3, -FIX_1_961570560), z5);
-    z4 = wadd(wmul(z4, -FIX_0_390180644), z5);
-    d[7 * step] = descale(wadd(tmp4, wadd(z1, z3)), oddShift);
-    d[5 * step] = descale(wadd(tmp5, wadd(z2, z4)), oddShift);
-    d[3 * step] = descale(wadd(tmp6, wadd(z2, z3)), oddShift);
-    d[1 * step] = descale(wadd(tmp7, wadd(z1, z4)), oddShift);
+    dctOddRotation(tmp4, tmp5, tmp6, tmp7);
+    d[7 * step] = descale(tmp4, oddShift);
+    d[5 * step] = descale(tmp5, oddShift);
+    d[3 * step] = descale(tmp6, oddShift);
+    d[1 * step] = descale(tmp7, oddShift);
 }
 
 }  // namespace

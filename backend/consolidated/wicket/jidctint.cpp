@@ -2,8 +2,6 @@
 
 #include <cstdint>
 
-#include "WrapInt.h"
-
 namespace {
 
 // One 8-point inverse transform over in[0], in[step], ... in[7*step].
@@ -20,23 +18,7 @@ void idct1D(const int32_t* in, int step, int32_t* out, int outStep, int shift) {
     int32_t tmp11 = wadd(tmp1, tmp2), tmp12 = wsub(tmp1, tmp2);
 
     int32_t o0 = in[7 * step], o1 = in[5 * step], o2 = in[3 * step], o3 = in[step];
-    z1 = wadd(o0, o3);
-    z2 = wadd(o1, o2);
-    z3 = wadd(o0, o2);
-    int32_t z4 = wadd(o1, o3);
-    int32_t z5 = wmul(wadd(z3, z4), FIX_1_175875602);
-    o0 = wmul(o0, FIX_0_298631336);
-    o1 = wmul(o1, FIX_2_053119869);
-    o2 = wmul(o2, FIX_3_072711026);
-    o3 = wmul(o3, FIX_1_501321110);
-    z1 = wmul(z1, -FIX_0_899976223);
-    z2 = wmul(z2, -FIX_2_562915447);
-    z3 = wadd(wmul(z3, -FIX_1_961570560), z5);
-    z4 = wadd(wmul(z4, -FIX_0_390180644), z5);
-    o0 = wadd(o0, wadd(z1, z3));
-    o1 = wadd(o1, wadd(z2, z4));
-    o2 = wadd(o2, wadd(z2, z3));
-    o3 = wadd(o3, wadd(z1, z4));
+    dctOddRotation(o0, o1, o2, o3);
 
     out[0] = descale(wadd(tmp10, o3), shift);
     out[7 * outStep] = descale(wsub(tmp10, o3), shift);
