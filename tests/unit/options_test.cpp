@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "backendlib.h"
 #include "sanerun.h"
 #include "testutil.h"
 #include "usbsim.h"
@@ -44,39 +45,6 @@ USERNAME=current
 PROFILENAME=Default
 )";
 
-struct SaneApi {
-    void* pLib = nullptr;
-    SANE_Status (*init)(SANE_Int*, SANE_Auth_Callback) = nullptr;
-    void (*exit)() = nullptr;
-    SANE_Status (*open)(SANE_String_Const, SANE_Handle*) = nullptr;
-    void (*close)(SANE_Handle) = nullptr;
-    const SANE_Option_Descriptor* (*descriptor)(SANE_Handle, SANE_Int) = nullptr;
-    SANE_Status (*control)(SANE_Handle, SANE_Int, SANE_Action, void*, SANE_Int*) = nullptr;
-    SANE_Status (*parameters)(SANE_Handle, SANE_Parameters*) = nullptr;
-    SANE_Status (*start)(SANE_Handle) = nullptr;
-    void (*cancel)(SANE_Handle) = nullptr;
-
-    template <class F>
-    void bind(F& f, const char* name) {
-        f = reinterpret_cast<F>(dlsym(pLib, name));
-        ASSERT_NE(nullptr, reinterpret_cast<void*>(f)) << name;
-    }
-    void load() {
-        std::string path = qt::binaryDir() + "/backend/libsane-quarto.so.1";
-        pLib = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(nullptr, pLib) << dlerror();
-        bind(init, "sane_quarto_init");
-        bind(exit, "sane_quarto_exit");
-        bind(open, "sane_quarto_open");
-        bind(close, "sane_quarto_close");
-        bind(descriptor, "sane_quarto_get_option_descriptor");
-        bind(control, "sane_quarto_control_option");
-        bind(parameters, "sane_quarto_get_parameters");
-        bind(start, "sane_quarto_start");
-        bind(cancel, "sane_quarto_cancel");
-    }
-};
-
 // One test: a fresh load of the library (its per-process state, such as the
 // read position of the custom sizes, starts anew), a configuration directory
 // with copies of the model feature files, and the scenario.
@@ -86,15 +54,14 @@ protected:
         ASSERT_EQ(0, usbsim_load_file((qt::sourceDir() + "/tests/data/options.scn").c_str()));
         env.reset(new qt::ScopedEnv("SANE_CONFIG_DIR", dir.path().c_str()));
         writeConfiguration("");
-        api.load();
-        ASSERT_FALSE(HasFatalFailure());
+        ASSERT_TRUE(api.load());
         ASSERT_EQ(SANE_STATUS_GOOD, api.init(nullptr, nullptr));
     }
     void TearDown() override {
         if (handle != nullptr) api.close(handle);
         if (api.pLib != nullptr) {
             api.exit();
-            dlclose(api.pLib);
+            api.unload();
         }
         usbsim_reset();
     }
@@ -122,30 +89,30 @@ protected:
     }
 
     const SANE_Option_Descriptor& opt(int n) {
-        const SANE_Option_Descriptor* d = api.descriptor(handle, n);
+        const SANE_Option_Descriptor* d = api.get_option_descriptor(handle, n);
         EXPECT_NE(nullptr, d);
         static const SANE_Option_Descriptor none = SANE_Option_Descriptor();
         return d ? *d : none;
     }
 
     SANE_Status setWord(int n, SANE_Word v, SANE_Int* info = nullptr) {
-        return api.control(handle, n, SANE_ACTION_SET_VALUE, &v, info);
+        return api.control_option(handle, n, SANE_ACTION_SET_VALUE, &v, info);
     }
     SANE_Word getWord(int n) {
         SANE_Word v = -12345;
-        EXPECT_EQ(SANE_STATUS_GOOD, api.control(handle, n, SANE_ACTION_GET_VALUE, &v, nullptr)) << n;
+        EXPECT_EQ(SANE_STATUS_GOOD, api.control_option(handle, n, SANE_ACTION_GET_VALUE, &v, nullptr)) << n;
         return v;
     }
     // The value buffer is exactly the option's size, as a front end allocates it.
     SANE_Status setString(int n, const std::string& text, SANE_Int* info = nullptr) {
         std::vector<char> buf((size_t)opt(n).size, '\0');
         memcpy(buf.data(), text.c_str(), std::min(buf.size(), text.size() + 1));
-        return api.control(handle, n, SANE_ACTION_SET_VALUE, buf.data(), info);
+        return api.control_option(handle, n, SANE_ACTION_SET_VALUE, buf.data(), info);
     }
     std::string getString(int n) {
         std::unique_ptr<char[]> buf(new char[(size_t)opt(n).size]);
         memset(buf.get(), 0x7F, (size_t)opt(n).size);
-        EXPECT_EQ(SANE_STATUS_GOOD, api.control(handle, n, SANE_ACTION_GET_VALUE, buf.get(), nullptr)) << n;
+        EXPECT_EQ(SANE_STATUS_GOOD, api.control_option(handle, n, SANE_ACTION_GET_VALUE, buf.get(), nullptr)) << n;
         return std::string(buf.get(), strnlen(buf.get(), (size_t)opt(n).size));
     }
     std::vector<std::string> stringList(int n) {
@@ -161,13 +128,13 @@ protected:
     SANE_Parameters parameters() {
         SANE_Parameters p;
         memset(&p, 0xEE, sizeof(p));
-        EXPECT_EQ(SANE_STATUS_GOOD, api.parameters(handle, &p));
+        EXPECT_EQ(SANE_STATUS_GOOD, api.get_parameters(handle, &p));
         return p;
     }
 
     qt::TempDir dir;
     std::unique_ptr<qt::ScopedEnv> env;
-    SaneApi api;
+    qt::SaneApi api;
     SANE_Handle handle = nullptr;
 };
 
@@ -288,8 +255,8 @@ TEST_P(OptionTable, NamesTitlesTypesCapabilitiesAndConstraints) {
     EXPECT_STREQ(c.sizeDesc, opt(O_SIZE).desc);
     EXPECT_STREQ(c.sourceDesc, opt(O_SOURCE).desc);
     EXPECT_STREQ("Resets advance imaging options to its default value.", opt(O_RESET).desc);
-    EXPECT_EQ(nullptr, api.descriptor(handle, 27));
-    EXPECT_EQ(nullptr, api.descriptor(handle, -1));
+    EXPECT_EQ(nullptr, api.get_option_descriptor(handle, 27));
+    EXPECT_EQ(nullptr, api.get_option_descriptor(handle, -1));
 }
 
 const char SIZE_DESC[] = "The size of the area to be scanned.";
@@ -567,28 +534,28 @@ TEST_F(Options, RefusedCallsLeaveEverythingAlone) {
     openDevice(DEV_4200);
     SANE_Word w = 0;
     SANE_Int info = -1;
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, 27, SANE_ACTION_GET_VALUE, &w, &info));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, 27, SANE_ACTION_GET_VALUE, &w, &info));
     EXPECT_EQ(0, info);
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, -1, SANE_ACTION_SET_VALUE, &w, nullptr));
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, 1, SANE_ACTION_GET_VALUE, &w, nullptr));  // group
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, O_INTERFACE, SANE_ACTION_GET_VALUE, &w, nullptr));
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, O_RES, SANE_ACTION_GET_VALUE, nullptr, nullptr));
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, O_RES, SANE_ACTION_SET_AUTO, &w, nullptr));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, -1, SANE_ACTION_SET_VALUE, &w, nullptr));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, 1, SANE_ACTION_GET_VALUE, &w, nullptr));  // group
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, O_INTERFACE, SANE_ACTION_GET_VALUE, &w, nullptr));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, O_RES, SANE_ACTION_GET_VALUE, nullptr, nullptr));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, O_RES, SANE_ACTION_SET_AUTO, &w, nullptr));
     // The button needs no value; over USB it resets nothing.
-    EXPECT_EQ(SANE_STATUS_GOOD, api.control(handle, O_RESET, SANE_ACTION_SET_VALUE, nullptr, &info));
+    EXPECT_EQ(SANE_STATUS_GOOD, api.control_option(handle, O_RESET, SANE_ACTION_SET_VALUE, nullptr, &info));
     EXPECT_EQ(0, info);
     EXPECT_EQ(SANE_FIX(5), getWord(O_BRIGHT));
     // A handle that was never opened is refused, not followed.
     int bogus = 0;
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(&bogus, O_RES, SANE_ACTION_GET_VALUE, &w, nullptr));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(&bogus, O_RES, SANE_ACTION_GET_VALUE, &w, nullptr));
     SANE_Parameters p;
-    EXPECT_EQ(SANE_STATUS_INVAL, api.parameters(&bogus, &p));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.get_parameters(&bogus, &p));
     // The address belongs to the network placeholder only: a USB device takes
     // the set without storing anything and leaves the buffer of a get alone.
     EXPECT_EQ(SANE_STATUS_GOOD, setString(O_IP, "10.1.2.3"));
     char ip[50];
     memset(ip, 'x', sizeof(ip));
-    EXPECT_EQ(SANE_STATUS_GOOD, api.control(handle, O_IP, SANE_ACTION_GET_VALUE, ip, nullptr));
+    EXPECT_EQ(SANE_STATUS_GOOD, api.control_option(handle, O_IP, SANE_ACTION_GET_VALUE, ip, nullptr));
     EXPECT_EQ(std::string(50, 'x'), std::string(ip, 50));
 }
 
@@ -599,8 +566,8 @@ TEST_F(Options, StringValuesStayWithinTheOptionSize) {
     // it reads back cut to 49 bytes and a NUL.
     std::unique_ptr<char[]> full(new char[50]);
     memset(full.get(), 'A', 50);
-    EXPECT_EQ(SANE_STATUS_INVAL, api.control(handle, O_MODE, SANE_ACTION_SET_VALUE, full.get(), nullptr));
-    EXPECT_EQ(SANE_STATUS_GOOD, api.control(handle, O_PROFILE, SANE_ACTION_SET_VALUE, full.get(), nullptr));
+    EXPECT_EQ(SANE_STATUS_INVAL, api.control_option(handle, O_MODE, SANE_ACTION_SET_VALUE, full.get(), nullptr));
+    EXPECT_EQ(SANE_STATUS_GOOD, api.control_option(handle, O_PROFILE, SANE_ACTION_SET_VALUE, full.get(), nullptr));
     EXPECT_EQ(std::string(49, 'A'), getString(O_PROFILE));
     // The longest list entry comes back whole, NUL-terminated within the 50 bytes.
     ASSERT_EQ(SANE_STATUS_GOOD, setString(O_SIZE, "A name much longer than the option value can hold"));
@@ -763,7 +730,7 @@ TEST_F(Options, NetworkResetRestoresImagingDefaults) {
     ASSERT_EQ(SANE_STATUS_GOOD, setWord(O_THRESHOLD, SANE_FIX(40)));
     EXPECT_EQ(SANE_FIX(2), getWord(O_BKG));
     SANE_Int info = -1;
-    ASSERT_EQ(SANE_STATUS_GOOD, api.control(handle, O_RESET, SANE_ACTION_SET_VALUE, nullptr, &info));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(handle, O_RESET, SANE_ACTION_SET_VALUE, nullptr, &info));
     EXPECT_EQ(RELOAD, info);
     EXPECT_EQ(0, getWord(O_BKG));
     EXPECT_EQ(0, getWord(O_MIRROR));

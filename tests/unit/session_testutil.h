@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "backendlib.h"
 #include "sanerun.h"
 #include "testutil.h"
 #include "usbsim.h"
@@ -26,43 +27,13 @@
 namespace st {
 
 // The entry points of the loaded library (never the in-process copies).
-struct Sane {
-    SANE_Status (*open)(SANE_String_Const, SANE_Handle*) = nullptr;
-    void (*close)(SANE_Handle) = nullptr;
-    const SANE_Option_Descriptor* (*get_option_descriptor)(SANE_Handle, SANE_Int) = nullptr;
-    SANE_Status (*control_option)(SANE_Handle, SANE_Int, SANE_Action, void*, SANE_Int*) = nullptr;
-    SANE_Status (*get_parameters)(SANE_Handle, SANE_Parameters*) = nullptr;
-    SANE_Status (*start)(SANE_Handle) = nullptr;
-    SANE_Status (*read)(SANE_Handle, SANE_Byte*, SANE_Int, SANE_Int*) = nullptr;
-    void (*cancel)(SANE_Handle) = nullptr;
-    bool ok = false;
-};
-
-template <typename F>
-inline void bind(void* lib, const char* name, F& fn, bool& ok) {
-    fn = reinterpret_cast<F>(dlsym(lib, name));
-    if (fn == nullptr) ok = false;
-}
+using Sane = qt::SaneApi;
 
 // Loaded once per process and kept loaded.
 inline const Sane& sane() {
     static Sane api = [] {
         Sane a;
-        std::string path = qt::binaryDir() + "/backend/libsane-quarto.so.1";
-        void* lib = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (lib == nullptr) {
-            fprintf(stderr, "dlopen %s: %s\n", path.c_str(), dlerror());
-            return a;
-        }
-        a.ok = true;
-        bind(lib, "sane_quarto_open", a.open, a.ok);
-        bind(lib, "sane_quarto_close", a.close, a.ok);
-        bind(lib, "sane_quarto_get_option_descriptor", a.get_option_descriptor, a.ok);
-        bind(lib, "sane_quarto_control_option", a.control_option, a.ok);
-        bind(lib, "sane_quarto_get_parameters", a.get_parameters, a.ok);
-        bind(lib, "sane_quarto_start", a.start, a.ok);
-        bind(lib, "sane_quarto_read", a.read, a.ok);
-        bind(lib, "sane_quarto_cancel", a.cancel, a.ok);
+        a.load();
         return a;
     }();
     return api;
