@@ -464,6 +464,16 @@ TEST(WicketStreams, OutputTooSmallIsRefusedBeforeDecoding) {
               769);
     EXPECT_EQ(out[0], 0xCD);
     EXPECT_EQ(w.DecompressOnePlane(ONE_MCU.data(), 9, nullptr, 0, 8, 8, &produced, &used), 769);
+    // The forms without a size trust the geometry, but not one no buffer can hold.
+    Bytes data = ONE_MCU;
+    Bytes big(8 * 8 * 3, 0xCD);
+    w.QualityFactor(100);
+    EXPECT_EQ(w.DecompressThreePlanes(data.data(), int(data.size()), big.data(), 8, 8, &produced, &used), 0);
+    EXPECT_EQ(big[0], 0xB4);
+    EXPECT_EQ(w.DecompressThreePlanes(data.data(), int(data.size()), big.data(), 0x7FFFFFF8, 0x7FFFFFF8, &produced,
+                                      &used),
+              769);
+    EXPECT_EQ(w.DecompressOnePlane(data.data(), int(data.size()), big.data(), 0x40000000, 16, &produced, &used), 769);
 }
 
 // ------------------------------------------- fast paths against the reference

@@ -184,17 +184,21 @@ void Wicket::SetSimdLevel(int level) {
     m_iSimdLevel = wicketKernels(level).iLevel;
 }
 
+// The output size a caller of the unchecked forms sized from the same width and
+// height; 0 when that size cannot exist, so that the band is refused.
+static long impliedOutputSize(int width, int height, int planes) {
+    if (width <= 0 || height <= 0 || long(height) > INT_MAX / (long(width) * planes)) return 0;
+    return long(width) * height * planes;
+}
+
 int Wicket::DecompressThreePlanes(unsigned char* data, int dataLen, unsigned char* out, int width, int height,
                                   int* produced, int* used) {
-    // The caller sized the output from the same width and height.
-    long outLen = (width > 0 && height > 0) ? long(width) * height * 3 : 0;
-    return decodeBand(data, dataLen, out, outLen, width, height, 3, produced, used);
+    return decodeBand(data, dataLen, out, impliedOutputSize(width, height, 3), width, height, 3, produced, used);
 }
 
 int Wicket::DecompressOnePlane(unsigned char* data, int dataLen, unsigned char* out, int width, int height,
                                int* produced, int* used) {
-    long outLen = (width > 0 && height > 0) ? long(width) * height : 0;
-    return decodeBand(data, dataLen, out, outLen, width, height, 1, produced, used);
+    return decodeBand(data, dataLen, out, impliedOutputSize(width, height, 1), width, height, 1, produced, used);
 }
 
 int Wicket::DecompressThreePlanes(const unsigned char* data, int dataLen, unsigned char* out, long outLen,
