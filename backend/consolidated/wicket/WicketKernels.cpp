@@ -71,21 +71,36 @@ void idctU8PairSse2(int32_t* coefA, int32_t* coefB, uint8_t* outA, uint8_t* outB
     idctU8Vec(coefB, outB, stride);
 }
 
+inline void store32(uint8_t* p, __m128i v) {
+    int32_t w = _mm_cvtsi128_si32(v);
+    memcpy(p, &w, 4);
+}
+
 void yccRowSse2(const int16_t* y, const int16_t* cb, const int16_t* cr, uint8_t* rgb, int width) {
-    alignas(16) uint8_t rg[16], bb[16];
+    const __m128i zero = _mm_setzero_si128();
     for (int x = 0; x < width; x += 8) {
         __m128i r16, g16, b16;
         yccToRgb16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(y + x)),
                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(cb + x)),
                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(cr + x)), r16, g16, b16);
-        _mm_store_si128(reinterpret_cast<__m128i*>(rg), _mm_packus_epi16(r16, g16));
-        _mm_store_si128(reinterpret_cast<__m128i*>(bb), _mm_packus_epi16(b16, b16));
-        // SSE2 has no byte shuffle: the interleave to R, G, B is done in scalar code.
+        // R0 G0 R1 G1 ... and B0 0 B1 0 ..., then one 4-byte group R G B 0 per pixel.
+        __m128i rg = _mm_unpacklo_epi8(_mm_packus_epi16(r16, r16), _mm_packus_epi16(g16, g16));
+        __m128i b0 = _mm_unpacklo_epi8(_mm_packus_epi16(b16, b16), zero);
+        __m128i lo = _mm_unpacklo_epi16(rg, b0), hi = _mm_unpackhi_epi16(rg, b0);
+        // 4-byte stores 3 bytes apart: each one's zero byte is overwritten by the next.
         uint8_t* o = rgb + 3 * x;
-        for (int i = 0; i < 8; ++i) {
-            o[3 * i] = rg[i];
-            o[3 * i + 1] = rg[8 + i];
-            o[3 * i + 2] = bb[i];
+        store32(o, lo);
+        store32(o + 3, _mm_srli_si128(lo, 4));
+        store32(o + 6, _mm_srli_si128(lo, 8));
+        store32(o + 9, _mm_srli_si128(lo, 12));
+        store32(o + 12, hi);
+        store32(o + 15, _mm_srli_si128(hi, 4));
+        store32(o + 18, _mm_srli_si128(hi, 8));
+        if (x + 8 < width) {
+            store32(o + 21, _mm_srli_si128(hi, 12));
+        } else {  // the row's last pixel: nothing may be written after it
+            int32_t w = _mm_cvtsi128_si32(_mm_srli_si128(hi, 12));
+            memcpy(o + 21, &w, 3);
         }
     }
 }
