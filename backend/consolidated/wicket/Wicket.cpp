@@ -44,7 +44,8 @@ inline uint32_t dcRangeCheck(int32_t dc) {
 }
 
 inline unsigned char blockKind(uint32_t rangeCheck) {
-    return (unsigned char)(unsigned((rangeCheck & RANGE_ANY_AC) != 0) | unsigned((rangeCheck & RANGE_WIDE_BITS) != 0) << 1);
+    unsigned anyAC = (rangeCheck & RANGE_ANY_AC) != 0, wide = (rangeCheck & RANGE_WIDE_BITS) != 0;
+    return (unsigned char)(anyAC | wide << 1);
 }
 
 // The value jpeg_idct gives at every position of a block whose only non-zero
@@ -171,8 +172,6 @@ int Wicket::QualityFactor(int qLuminance, int qChrominance) {
                      m_aiChrominanceDequantTable);
     for (int k = 0; k < 64; ++k) {
         unsigned n = unsigned(WICKET_NATURAL_ORDER[k]);
-        m_aiDequantZigzag[0][k] = m_aiLuminanceDequantTable[n];
-        m_aiDequantZigzag[1][k] = m_aiChrominanceDequantTable[n];
         m_auZigzag[0][k] = uint32_t(m_aiLuminanceDequantTable[n]) << ZIGZAG_DEQUANT_SHIFT | n;
         m_auZigzag[1][k] = uint32_t(m_aiChrominanceDequantTable[n]) << ZIGZAG_DEQUANT_SHIFT | n;
     }
@@ -227,12 +226,12 @@ int Wicket::DecompressBlock(int* out, int plane) {
 // order, all dequantised into coef (which must be zero on entry).
 int Wicket::decodeCoefficients(int plane, int32_t* coef, unsigned char* kind) {
     const HuffCodec& codec = m_Huff.Codec(plane);
-    const int* dequant = m_aiDequantZigzag[plane == 0 ? 0 : 1];
+    const uint32_t* zigzag = m_auZigzag[plane == 0 ? 0 : 1];
     int diff;
     int rc = m_Huff.DecodeDC(codec, &diff);
     if (rc != 0) return rc;
     aiPreviousDC[plane] = wadd(aiPreviousDC[plane], diff);
-    int32_t dc = wmul(aiPreviousDC[plane], dequant[0]);
+    int32_t dc = wmul(aiPreviousDC[plane], int32_t(zigzag[0] >> ZIGZAG_DEQUANT_SHIFT));
     coef[0] = dc;
     uint32_t rangeCheck = dcRangeCheck(dc);
     int k = 1;
@@ -249,8 +248,8 @@ int Wicket::decodeCoefficients(int plane, int32_t* coef, unsigned char* kind) {
         }
         k += int(symbol >> 4);
         if (k > 63) return WICKET_ERROR_COEF_OVERRUN;
-        int32_t c = value * dequant[k];
-        coef[WICKET_NATURAL_ORDER[k]] = c;
+        int32_t c = value * int32_t(zigzag[k] >> ZIGZAG_DEQUANT_SHIFT);
+        coef[zigzag[k] & ZIGZAG_POSITION_MASK] = c;
         rangeCheck |= uint32_t(c) + RANGE_AC_BIAS;
         ++k;
     }

@@ -83,8 +83,8 @@ private:
     void renderGreyGroup(int blocks, unsigned char* out, long rowBytes);
 
     int m_iSimdLevel;
-    int m_aiDequantZigzag[2][64];  // luminance, chrominance, in zig-zag order
-    uint32_t m_auZigzag[2][64];    // per zig-zag index: dequantisation << 8 | natural position
+    // Per zig-zag index, luminance and chrominance: dequantisation << 8 | natural position.
+    uint32_t m_auZigzag[2][64];
     std::unique_ptr<Scratch> m_pScratch;
 };
 
