@@ -177,6 +177,9 @@ int main(int argc, char** argv) {
         long lKb;
     } peaks[] = {{"A5", SMALL_READ, 0}, {"A4", SMALL_READ, 0}, {"A4", LARGE_READ, 0}, {"Legal", SMALL_READ, 0}};
     for (auto& p : peaks) p.lKb = scanPeakKb(p.szSize, p.iMaxLen);
+    // The whole process's peak during the last of those scans (front end,
+    // simulator and backend together).
+    const long processPeakKb = statusKb("VmHWM");
     scanner.select("A4");
 
     RateReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
@@ -202,6 +205,8 @@ int main(int argc, char** argv) {
                p.lKb / 1024.0, p.lKb < MEMORY_LIMIT_KB ? "" : "  [over 32 MB]");
         within = within && p.lKb < MEMORY_LIMIT_KB;
     }
+    if (processPeakKb > 0)
+        printf("  peak resident size of the whole process during the Legal scan: %.1f MB\n", processPeakKb / 1024.0);
     benchmark::Shutdown();
     return within ? 0 : 2;
 }
