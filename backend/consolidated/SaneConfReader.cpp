@@ -54,6 +54,7 @@ int SaneConfReader::LoadConf(const char* fileName) {
         }
 
         // The conversions are bounded by the line buffer, so none can overrun.
+        static_assert(size == 4096, "the %4095s widths below are the line buffer size less one");
         char first[size];
         char featureFile[size];
         char model[size];
