@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -271,26 +272,30 @@ bool IOComm::isSelectedDeviceActive() {
     return findDevice(cBus, cDev) != nullptr;
 }
 
-bool IOComm::isDevicePresent() {
+struct usb_device* IOComm::findDeviceByIds(struct usb_bus** busOut) {
     for (struct usb_bus* b = pBusses; b != nullptr; b = b->next)
         for (struct usb_device* d = b->devices; d != nullptr; d = d->next)
             if (d->descriptor.idVendor == iVid && d->descriptor.idProduct == iPid) {
-                LOG_DEBUG("device present but on another interface");
-                return true;
+                if (busOut != nullptr) *busOut = b;
+                return d;
             }
-    return false;
+    return nullptr;
+}
+
+bool IOComm::isDevicePresent() {
+    if (findDeviceByIds(nullptr) == nullptr) return false;
+    LOG_DEBUG("device present but on another interface");
+    return true;
 }
 
 void IOComm::changeUSBDeviceInfo() {
-    for (struct usb_bus* b = pBusses; b != nullptr; b = b->next)
-        for (struct usb_device* d = b->devices; d != nullptr; d = d->next)
-            if (d->descriptor.idVendor == iVid && d->descriptor.idProduct == iPid) {
-                copyText(cBus, sizeof(cBus), b->dirname);
-                copyText(cDev, sizeof(cDev), d->filename);
-                LOG_DEBUG("USB bus number = %s", cBus);
-                LOG_DEBUG("USB device number = %s", cDev);
-                return;
-            }
+    struct usb_bus* b = nullptr;
+    struct usb_device* d = findDeviceByIds(&b);
+    if (d == nullptr) return;
+    copyText(cBus, sizeof(cBus), b->dirname);
+    copyText(cDev, sizeof(cDev), d->filename);
+    LOG_DEBUG("USB bus number = %s", cBus);
+    LOG_DEBUG("USB device number = %s", cDev);
 }
 
 unsigned int IOComm::cachedPageCount() {
@@ -430,19 +435,16 @@ int IOComm::closeDevice() {
         LOG_DEBUG("calling usb_reset()");
         usb_reset(usbHandle);
     }
-    if (usb_close(usbHandle) != 0) {
+    const int closed = usb_close(usbHandle);
+    // libusb releases the handle whatever usb_close reports, so it is never
+    // used again.
+    usbHandle = nullptr;
+    closeHandle();
+    if (closed != 0) {
         LOG_DEBUG(" -> unable to close device");
-        // libusb releases the handle whatever usb_close reports, so it is
-        // never used again.
-        usbDev = nullptr;
-        usbHandle = nullptr;
-        iOpen = 0;
         LOG_METHOD_END_INT(COMM_STATUS_CLOSE_FAILED);
         return COMM_STATUS_CLOSE_FAILED;
     }
-    usbDev = nullptr;
-    usbHandle = nullptr;
-    iOpen = 0;
     LOG_METHOD_END_INT(COMM_STATUS_GOOD);
     return COMM_STATUS_GOOD;
 }
@@ -877,7 +879,8 @@ int IOComm::readAndDecompressData() {
         }
         if (used + (size_t)got > capacity) {
             LOG_DEBUG("memory estimation for compressed buffer not enough!");
-            size_t need = used + (size_t)got;
+            // Doubling keeps the number of copies (and of log lines) logarithmic.
+            size_t need = std::max(used + (size_t)got, capacity * 2);
             unsigned char* grown = (unsigned char*)realloc(collected.get(), need);
             if (grown == nullptr) {
                 LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);

@@ -86,6 +86,8 @@ private:
     void refreshBusses();
     struct usb_device* findDevice(const char* bus, const char* dev);
     bool isSelectedDeviceActive();
+    // The first device on the bus with the open device's identifiers, and its bus.
+    struct usb_device* findDeviceByIds(struct usb_bus** busOut);
     bool isDevicePresent();
     void changeUSBDeviceInfo();
     void closeHandle();
