@@ -227,8 +227,10 @@ bool decodeReference(const Bytes& stream, uint8_t* out, int channels) {
     size_t pos = 0;
     long row = 0, stride = long(PAGE_WIDTH) * channels;
     while (pos < stream.size()) {
-        uint32_t size = readBE32(stream.data() + pos, WICKET_HEADER_SIZE, 0);
-        int lines = int(readBE32(stream.data() + pos, WICKET_HEADER_SIZE, 4));
+        const int held = int(stream.size() - pos);
+        uint32_t size = readBE32(stream.data() + pos, held, WICKET_HEADER_SIZE_OFFSET);
+        int lines = int(readBE32(stream.data() + pos, held, WICKET_HEADER_HEIGHT_OFFSET));
+        if (size < uint32_t(WICKET_HEADER_SIZE) || size > uint32_t(held)) return false;
         int padded = (lines + 7) / 8 * 8;
         Bytes band(size_t(stride) * padded);
         int produced;

@@ -123,8 +123,8 @@ std::vector<uint8_t> wicketEncodeBand(const uint8_t* pixels, int width, int line
     wicketScaleTable(ANNEXK_LUMINANCE_QUANT, quality, quant[0], dequant[0]);
     wicketScaleTable(ANNEXK_CHROMINANCE_QUANT, quality, quant[1], dequant[1]);
     int planes = channels == 1 ? 1 : 3;
-    long align = stuffing ? 8 : planes == 3 ? 16 : 48;
-    long paddedWidth = roundUp(width, align), paddedLines = roundUp(lines, 8);
+    long paddedWidth = roundUp(width, wicketLineAlign(stuffing ? 1 : 0, planes));
+    long paddedLines = roundUp(lines, WICKET_BLOCK);
 
     WicketBitWriter writer(stuffing);
     int predictor[3] = {0, 0, 0};

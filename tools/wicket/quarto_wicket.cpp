@@ -130,9 +130,9 @@ int decodeCommand(int channels, bool stuffing, const char* inPath, const char* o
         if (long(w) != width)
             return chunkError(index, offset,
                               "width " + std::to_string(w) + " differs from the first chunk's " + std::to_string(width));
-        long align = stuffing ? 8 : channels == 3 ? 16 : 48;
+        long align = wicketLineAlign(stuffing ? 1 : 0, channels);
         long paddedWidth = (long(w) + align - 1) / align * align;
-        long paddedLines = (long(lines) + 7) / 8 * 8;
+        long paddedLines = (long(lines) + WICKET_BLOCK - 1) / WICKET_BLOCK * WICKET_BLOCK;
         long rowBytes = long(w) * channels;
         if (paddedLines > MAX_IMAGE_BYTES / (paddedWidth * channels) || height + long(lines) > MAX_IMAGE_BYTES / rowBytes)
             return chunkError(index, offset, "image too large");

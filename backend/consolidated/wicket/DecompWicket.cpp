@@ -13,7 +13,6 @@
 namespace {
 
 const char DUMP_DIRECTORY[] = "/tmp/";
-const int LINE_ALIGN_UNSTUFFED = 48;  // bytes per line without byte stuffing
 
 long roundUp(long v, long m) { return (v + m - 1) / m * m; }
 
@@ -33,16 +32,10 @@ int CDecompWicket::StartDecomp(int width, int height, int channels, int bitsPerP
     m_NumChannels = channels == 1 ? 1 : 3;
     m_BytesPerChannel = (channels > 0 && bitsPerPixel >= 8 * channels) ? bitsPerPixel / (8 * channels) : 1;
     m_InputIndex = 0;
-    long pad = 0;
-    if (width > 0) {
-        if (m_ByteStuffing) {
-            pad = (roundUp(width, WICKET_BLOCK) - width) * m_NumChannels;
-        } else {
-            long rest = long(width) * m_NumChannels % LINE_ALIGN_UNSTUFFED;
-            pad = rest ? LINE_ALIGN_UNSTUFFED - rest : 0;
-        }
-    }
-    m_iNumPadBytesPerLine = int(pad);
+    // Padding to the decoder's line alignment; without stuffing this equals
+    // 48 - (width * channels mod 48) bytes for one or three channels.
+    long align = wicketLineAlign(m_ByteStuffing, m_NumChannels);
+    m_iNumPadBytesPerLine = width > 0 ? int((roundUp(width, align) - width) * m_NumChannels) : 0;
     LOG_DEBUG("width = %d, height = %d, channels = %d, pad bytes per line = %d", m_Width, m_Height, m_NumChannels,
               m_iNumPadBytesPerLine);
     LOG_METHOD_END_INT(DECOMP_DONE);
@@ -124,8 +117,7 @@ int CDecompWicket::Decomp(unsigned char* in, int inLen, int* consumed, unsigned 
             rc = WICKET_ERROR_WIDTH;
         } else {
             long paddedHeight = roundUp(height, WICKET_BLOCK);
-            long align = m_ByteStuffing ? WICKET_BLOCK : m_NumChannels == 1 ? LINE_ALIGN_UNSTUFFED : 16;
-            long paddedWidth = roundUp(width, align);
+            long paddedWidth = roundUp(width, wicketLineAlign(m_ByteStuffing, m_NumChannels));
             long rowBytes = paddedWidth * m_NumChannels;
             if (paddedWidth > INT_MAX || paddedHeight > outLen / rowBytes) {
                 LOG_DEBUG("band of %ld x %ld does not fit in %d output bytes", paddedWidth, paddedHeight, outLen);

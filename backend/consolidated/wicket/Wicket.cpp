@@ -130,6 +130,10 @@ struct Wicket::Scratch {
     unsigned char kind[GROUP_MCUS][WICKET_MAX_PLANES];
 };
 
+int wicketLineAlign(int byteStuffing, int planes) {
+    return byteStuffing ? ALIGN_STUFFED : planes == 3 ? ALIGN_THREE_PLANES : ALIGN_ONE_PLANE;
+}
+
 void wicketScaleTable(const int* base, int quality, int* quant, int* dequant) {
     long scale;
     if (quality <= 0)
@@ -378,7 +382,7 @@ int Wicket::decodeBand(const unsigned char* data, int dataLen, unsigned char* ou
         LOG_DEBUG("band height %d is not a multiple of 8", height);
         return WICKET_ERROR_HEIGHT;
     }
-    int align = m_ByteStuffing ? ALIGN_STUFFED : planes == 3 ? ALIGN_THREE_PLANES : ALIGN_ONE_PLANE;
+    int align = wicketLineAlign(m_ByteStuffing, planes);
     if (width < 0 || width % align != 0) {
         LOG_DEBUG("band width %d is not a multiple of %d", width, align);
         return WICKET_ERROR_WIDTH;

@@ -21,6 +21,10 @@ const int WICKET_MAX_PLANES = 3;
 // Natural (row-order) position of each zig-zag index.
 extern const int WICKET_NATURAL_ORDER[64];
 
+// Pixels a band line is padded to: 8 with byte stuffing, else 16 in colour and
+// 48 in grey (three planes or one).
+int wicketLineAlign(int byteStuffing, int planes);
+
 // Quality scaling of one base table: the dequantisation entries v in 1..255 and
 // the quantisation entries 8v (the forward DCT output is scaled up by 8).
 void wicketScaleTable(const int* base, int quality, int* quant, int* dequant);
