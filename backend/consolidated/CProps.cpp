@@ -144,10 +144,6 @@ char* CProps::getPaperName(int pos, int len) {
     return name;
 }
 
-double CProps::customScanSizeWidth(int pos) {
-    return readLE16(pdata.data(), (long)pdata.size(), pos) / 1000.0;
-}
-
-double CProps::customScanSizeLength(int pos) {
-    return readLE16(pdata.data(), (long)pdata.size(), pos) / 1000.0;
-}
+// Widths and lengths are both thousandths of an inch in a 16-bit field.
+double CProps::customScanSizeWidth(int pos) { return readLE16(pdata.data(), (long)pdata.size(), pos) / 1000.0; }
+double CProps::customScanSizeLength(int pos) { return customScanSizeWidth(pos); }

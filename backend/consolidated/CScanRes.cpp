@@ -12,21 +12,16 @@ int CScanRes::setData(const unsigned char* rec, int len) {
     return 0;
 }
 
-int CScanRes::getHorRes(int* res) {
-    if (res == nullptr) return -1;
-    *res = 0;
+int CScanRes::field32(int off, int* v) {
+    if (v == nullptr) return -1;
+    *v = 0;
     if (pdata.empty()) return -1;
-    *res = (int)readLE32(pdata.data(), (long)pdata.size(), 0);
+    *v = (int)readLE32(pdata.data(), (long)pdata.size(), off);
     return 0;
 }
 
-int CScanRes::getVerRes(int* res) {
-    if (res == nullptr) return -1;
-    *res = 0;
-    if (pdata.empty()) return -1;
-    *res = (int)readLE32(pdata.data(), (long)pdata.size(), 4);
-    return 0;
-}
+int CScanRes::getHorRes(int* res) { return field32(0, res); }
+int CScanRes::getVerRes(int* res) { return field32(4, res); }
 
 int CScanRes::getColorDepth() { return pdata.empty() ? -1 : pdata[8]; }
 

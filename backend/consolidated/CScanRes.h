@@ -23,6 +23,8 @@ public:
     int isEqual();        // 1 when both resolutions are equal, else 0
 
 private:
+    int field32(int off, int* v);
+
     std::vector<unsigned char> pdata;
 };
 

@@ -1,6 +1,5 @@
 #include "Cmd402.h"
 
-#include "ConfigReader.h"
 #include "util.h"
 
 namespace {
@@ -44,27 +43,25 @@ int Cmd402::appendData(unsigned char** buf) {
     writeLE16(p + 30, (unsigned)dpi & 0xFFFF);
     if (!start) return CMD_OK;
 
-    ConfigReader* cr = getConfigReader();
-    auto opt = [cr](const char* key) { return cr != nullptr ? cr->GetIntOption(key) : 0; };
-    p[34] = opt("MIRRORIMAGE") != 0 ? MIRROR_ON : 0;
-    p[35] = (unsigned char)opt("NEGATIVEIMAGE");
-    int dropout = opt("COLORDROPOUT");
+    p[34] = intOption("MIRRORIMAGE") != 0 ? MIRROR_ON : 0;
+    p[35] = (unsigned char)intOption("NEGATIVEIMAGE");
+    int dropout = intOption("COLORDROPOUT");
     LOG_DEBUG("///////////////////////////////////////////////%d", dropout);
-    if (opt("COLORDEPTH") == COLORDEPTH_COLOUR) {
+    if (intOption("COLORDEPTH") == COLORDEPTH_COLOUR) {
         for (int i = 36; i <= 40; ++i) p[i] = 0;
     } else if (dropout == 0) {
         p[36] = 0;
         p[37] = p[38] = p[39] = DROPOUT_CHANNEL_OFF;
         p[40] = DROPOUT_THRESHOLD_OFF;
     } else {
-        unsigned char threshold = (unsigned char)opt("COLORDROPOUTTHRESHOLD");
+        unsigned char threshold = (unsigned char)intOption("COLORDROPOUTTHRESHOLD");
         p[36] = 1;
         p[37] = dropout == 1 ? threshold : 0;
         p[38] = dropout == 2 ? threshold : 0;
         p[39] = dropout == 3 ? threshold : 0;
         p[40] = threshold;
     }
-    int background = opt("BKGREMOVAL");
+    int background = intOption("BKGREMOVAL");
     p[41] = background != 0 ? 1 : 0;
     p[42] = (unsigned char)(background != 0 ? background : 0);
     return CMD_OK;

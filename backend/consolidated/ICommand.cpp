@@ -152,7 +152,7 @@ int ICommand::removeESC(DataBuffer* buf) {
 
 int ICommand::getESCDataSize(unsigned char* buf, int len) {
     // A header too short to hold its length field is no header either.
-    if (buf == nullptr || len <= 4 || buf[0] != ESC || len < 6) return -1;
+    if (buf == nullptr || len < 6 || buf[0] != ESC) return -1;
     return (int)readLE16(buf, len, 4);
 }
 
