@@ -118,6 +118,7 @@ SANE_Status sane_ScanLib_get_devices(const SANE_Device*** device_list, SANE_Bool
         iNum = 0;
         for (int i = 0; i < count; ++i) free(raw[i]);
         free(raw);
+        SANEIF_END();
         return SANE_STATUS_NO_MEM;
     }
     for (int i = 0; i < iNum; ++i) {
@@ -346,6 +347,14 @@ double currentCorner(const double* table, int index) {
 }
 double currentBrx(int index) { return currentCorner(pPageSizes->brx, index); }
 double currentBry(int index) { return currentCorner(pPageSizes->bry, index); }
+
+// The scan area of the page size at index of the current list, from its top-left corner.
+void storePageArea(ScanLib* s, int index) {
+    s->SetDoubleValue("CURRENTTLY", 0.0);
+    s->SetDoubleValue("CURRENTTLX", 0.0);
+    s->SetDoubleValue("CURRENTBRX", currentBrx(index));
+    s->SetDoubleValue("CURRENTBRY", currentBry(index));
+}
 
 // A 16.16 value of a whole number, wrapping like the 32-bit shift it stands for.
 SANE_Word toFixed(int v) { return (SANE_Word)(int32_t)((uint32_t)v << FIXED_SHIFT); }
@@ -877,12 +886,7 @@ SANE_Int applyOption(ScanLib* s, int n, int index) {
             if (iUsb == 0) applyModeDependencies(s);
             return RELOAD_ALL;
         case OPT_ORIGINAL_SIZE:
-            if (iUsb != 0) {
-                s->SetDoubleValue("CURRENTTLY", 0.0);
-                s->SetDoubleValue("CURRENTTLX", 0.0);
-                s->SetDoubleValue("CURRENTBRX", currentBrx(index));
-                s->SetDoubleValue("CURRENTBRY", currentBry(index));
-            }
+            if (iUsb != 0) storePageArea(s, index);
             return RELOAD_ALL;
         case OPT_SOURCE:
             if (iUsb != 0 && s->GetIntValue("BOXKIND") == BOXKIND_ISD) {
@@ -972,10 +976,7 @@ const SANE_Option_Descriptor* sane_ScanLib_get_option_descriptor(SANE_Handle han
             pPageSizes = &isd_adf_page_sizes;
             if (s->GetIntValue("ORIGINALSIZE") > ISD_ADF_LAST_SIZE) {
                 s->SetIntValue("ORIGINALSIZE", 0);
-                s->SetDoubleValue("CURRENTTLY", 0.0);
-                s->SetDoubleValue("CURRENTTLX", 0.0);
-                s->SetDoubleValue("CURRENTBRX", currentBrx(0));
-                s->SetDoubleValue("CURRENTBRY", currentBry(0));
+                storePageArea(s, 0);
             }
         }
         m_opt[OPT_ORIGINAL_SIZE].constraint.string_list = pPageSizes->names;
@@ -1017,12 +1018,15 @@ SANE_Status sane_ScanLib_control_option(SANE_Handle handle, SANE_Int n, SANE_Act
         LOG_DEBUG("action is SANE_ACTION_GET_VALUE");
         status = getOption(s, n, value);
     } else if (action == SANE_ACTION_SET_VALUE) {
+        // A list value is looked up here, where its position is needed; the
+        // other constraints are checked (and a range clamped) by CheckValue.
         int index = 0;
         if (m_opt[n].constraint_type == SANE_CONSTRAINT_STRING_LIST) {
             index = search_string_list(m_opt[n].constraint.string_list, readString(n, value).c_str());
             if (index < 0) status = SANE_STATUS_INVAL;
+        } else {
+            status = CheckValue(&m_opt[n], value, info);
         }
-        if (status == SANE_STATUS_GOOD) status = CheckValue(&m_opt[n], value, info);
         if (status == SANE_STATUS_GOOD) status = setOption(s, n, value, index, info);
     } else if (action == SANE_ACTION_SET_AUTO) {
         const SANE_Int cap = m_opt[n].cap;

@@ -272,10 +272,7 @@ int ScanLib::openSteps(const char* name) {
         vid = pComm->getVid();
         pid = pComm->getPid();
     }
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        pComm->closeDevice();
-        return SL_STATUS_CANCELLED;
-    }
+    if (closedOnCancel()) return SL_STATUS_CANCELLED;
 
     LOG_DEBUG("vid is %X, pid is %X", vid, pid);
     pCfgReader.reset(new FlatFileReader());
@@ -285,10 +282,7 @@ int ScanLib::openSteps(const char* name) {
         return SL_STATUS_UNSUPPORTED;
     }
     pComm->setConfigReader(pCfgReader.get());
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        pComm->closeDevice();
-        return SL_STATUS_CANCELLED;
-    }
+    if (closedOnCancel()) return SL_STATUS_CANCELLED;
 
     Image.reset(new ImageData());
     Buffer.reset(new DataBuffer());
@@ -325,10 +319,7 @@ int ScanLib::openSteps(const char* name) {
     LoadScanDeviceProperties();
     LoadScanSizes();
     installCommand();
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        pComm->closeDevice();
-        return SL_STATUS_CANCELLED;
-    }
+    if (closedOnCancel()) return SL_STATUS_CANCELLED;
 
     MyDecompressor.reset(new DeCompHandler());
     Interleaver.reset(new InterleaveHandler());
@@ -412,13 +403,22 @@ int ScanLib::Start() {
     SL_RETURN(SL_STATUS_GOOD);
 }
 
+bool ScanLib::closedOnCancel() {
+    if (AcquireImageStatus != SL_STATUS_CANCELLED) return false;
+    pComm->closeDevice();
+    return true;
+}
+
+bool ScanLib::abortedOnCancel() {
+    if (AcquireImageStatus != SL_STATUS_CANCELLED) return false;
+    AbortScanOperation();
+    return true;
+}
+
 // The device exchanges of Start between opening the device and reading:
 // wake (402 only), settings check, LOCK and START.
 int ScanLib::lockAndStart() {
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        pComm->closeDevice();
-        return SL_STATUS_CANCELLED;
-    }
+    if (closedOnCancel()) return SL_STATUS_CANCELLED;
     // Only 402 is woken again here; Open also wakes 500.
     if (GetIntValue("COMMANDVERSION") == CMD_VERSION_402) {
         CResponse wake;
@@ -427,19 +427,13 @@ int ScanLib::lockAndStart() {
             return SL_STATUS_IO_ERROR;
         }
     }
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        pComm->closeDevice();
-        return SL_STATUS_CANCELLED;
-    }
+    if (closedOnCancel()) return SL_STATUS_CANCELLED;
     int s = CheckScanSettings();
     if (s != 0) {
         LOG_ERROR("CheckScanSettings ret = %d", s);
         return s;
     }
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        pComm->closeDevice();
-        return SL_STATUS_CANCELLED;
-    }
+    if (closedOnCancel()) return SL_STATUS_CANCELLED;
 
     LOG_DEBUG("Attempting to LOCK scanner...");
     CResponse lock;
@@ -454,10 +448,7 @@ int ScanLib::lockAndStart() {
         LOG_ERROR("Lock failed ret = %d", s);
         return s;
     }
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        AbortScanOperation();
-        return SL_STATUS_CANCELLED;
-    }
+    if (abortedOnCancel()) return SL_STATUS_CANCELLED;
 
     CResponse start;
     w = pComm->writeCommand(CMD_ID_START, &start);
@@ -472,10 +463,7 @@ int ScanLib::lockAndStart() {
         AbortScanOperation();
         return s;
     }
-    if (AcquireImageStatus == SL_STATUS_CANCELLED) {
-        AbortScanOperation();
-        return SL_STATUS_CANCELLED;
-    }
+    if (abortedOnCancel()) return SL_STATUS_CANCELLED;
     return SL_STATUS_GOOD;
 }
 
@@ -769,8 +757,6 @@ int ScanLib::LoadScanDeviceProperties() {
             SetDoubleValue("FLATBEDHEIGHTLIMIT", height / DEVICE_UNITS_PER_INCH);
             LOG_DEBUG("FLatbed Width Limit: %f", width / DEVICE_UNITS_PER_INCH);
             LOG_DEBUG("FLatbed Height Limit: %d", height);
-            SetIntValue("RESOLUTIONS", source->getNumOfRes());
-            addResolutions(source->getNumOfRes(), source);
         } else {
             if (type == SOURCE_TYPE_ADF_EDGE) {
                 LOG_DEBUG("ADFSCANNER EDGE-FED");
@@ -783,10 +769,10 @@ int ScanLib::LoadScanDeviceProperties() {
             SetDoubleValue("ADFHEIGHTLIMIT", height / DEVICE_UNITS_PER_INCH);
             LOG_DEBUG("ADF Width Limit: %d", width);
             LOG_DEBUG("ADF Height Limit: %d", height);
-            SetIntValue("RESOLUTIONS", source->getNumOfRes());
-            addResolutions(source->getNumOfRes(), source);
-            updateADFDpiLimit(source);
         }
+        SetIntValue("RESOLUTIONS", source->getNumOfRes());
+        addResolutions(source->getNumOfRes(), source);
+        if (type != SOURCE_TYPE_FLATBED) updateADFDpiLimit(source);
         // Later sources overwrite what earlier ones stored.
         SetIntValue("SCANBARID", source->getBarId());
         SetIntValue("DUPLEX_SUPPORT", source->getDuplexSupport());

@@ -95,6 +95,10 @@ private:
     int openSteps(const char* name);
     // Start's device exchanges: wake, settings check, LOCK, START.
     int lockAndStart();
+    // True when a cancel has arrived; the device is then closed (or the scan
+    // aborted, which also unlocks and closes).
+    bool closedOnCancel();
+    bool abortedOnCancel();
     // Aborts a read that was cancelled and returns SL_STATUS_CANCELLED.
     int cancelledRead();
     // Reads and discards what the device still sends after an abort.
