@@ -21,9 +21,6 @@
 namespace {
 
 const char* const DEVICE = "quarto:libusb/001/004";
-const char* const Q5100_CONF =
-    "usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
-    "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\nDEVICE_LIST_ORDER_MODE=0\nSHOW_PSEUDO_NETWORK_FLAG=0\n";
 
 // The event log reduced to what a failure is judged by: requests by name, the
 // scan's start and end, cancel, release and close. With fromStart, the list
@@ -86,7 +83,7 @@ TEST_P(UserSees, TheStatusMessageAndTheScannerIsReleased) {
     const UserFailure& c = GetParam();
     qt::TempDir dir;
     qt::writeFile(dir.file("sim.scn"), q5100Scenario(c.szScenarioExtra));
-    qt::SaneEnv sane(Q5100_CONF, dir.file("sim.scn"));
+    qt::SaneEnv sane(e2e::MODELS_CONF, dir.file("sim.scn"));
     std::vector<std::string> args = e2e::scanArgs(DEVICE, e2e::COLOR, e2e::A5, 150);
     args.insert(args.end(), c.vArgs.begin(), c.vArgs.end());
     std::string out, err;
@@ -183,7 +180,7 @@ Interrupted scanimageInterrupted(const qt::SaneEnv& sane, const std::vector<std:
 }
 
 TEST(UserInterrupts, CtrlCInMidPageCancelsUnlocksAndTheNextRunScans) {
-    qt::SaneEnv sane(Q5100_CONF, e2e::dataFile("e2e_q5100.scn"));
+    qt::SaneEnv sane(e2e::MODELS_CONF, e2e::dataFile("e2e_q5100.scn"));
     // Letter at 600 dpi in colour: 100 MB, far more than a pipe and scanimage's buffer hold.
     std::vector<std::string> args = e2e::scanArgs(DEVICE, e2e::COLOR, e2e::LETTER, 600);
     const size_t page = (size_t)e2e::bytesPerLine(e2e::COLOR, e2e::pagePixels(e2e::LETTER, 600, 1)) *
@@ -311,7 +308,7 @@ TEST_P(KeptHandle, NextPageAfterAFailedOne) {
     const KeptHandleFault& c = GetParam();
     ASSERT_TRUE(api.bOk) << "the built backend or simulator could not be loaded";
     qt::TempDir dir;
-    qt::writeFile(dir.file("quarto.conf"), qt::SaneEnv::expand(Q5100_CONF));
+    qt::writeFile(dir.file("quarto.conf"), qt::SaneEnv::expand(e2e::MODELS_CONF));
     qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
     ASSERT_EQ(0, api.load_text(q5100Scenario("").c_str()));
     ASSERT_NO_FATAL_FAILURE(openPage("libusb/001/004"));

@@ -227,13 +227,9 @@ INSTANTIATE_TEST_SUITE_P(
                      nullptr, false},
         PipelineCase{"CorrectColorBar0", "e2e_colorcorrect.conf", 0, "", e2e::COLOR, &e2e::LETTER, 150,
                      THROUGH_TABLE, "lutg0.bin", false},
-        PipelineCase{"CorrectGrayBar0", "e2e_colorcorrect.conf", 0, "", e2e::GRAY, &e2e::LETTER, 150, THROUGH_TABLE,
-                     "lutg0.bin", false},
-        // Scan bar 2 selects the tables whose names end in 2.
+        // Scan bar 2 selects the tables whose names end in 2 (grey here, colour above with bar 0).
         PipelineCase{"CorrectGrayBar2", "e2e_colorcorrect.conf", 2, "", e2e::GRAY, &e2e::LETTER, 150, THROUGH_TABLE,
                      "lutg2.bin", false},
-        PipelineCase{"CorrectColorBar2", "e2e_colorcorrect.conf", 2, "", e2e::COLOR, &e2e::LETTER, 150,
-                     THROUGH_TABLE, "lutg2.bin", false},
         // Grey lines sent as two interleaved halves come out whole, with the
         // junk pixels of the offset and the trim removed (odd and even full lines).
         PipelineCase{"InterleavedGrayOddLine", "e2e_bgr.conf", 0, "  interleave 4 3\n", e2e::GRAY, &e2e::LETTER, 150,

@@ -19,6 +19,9 @@
 
 namespace {
 
+using Strings = std::vector<std::string>;
+using Words = std::vector<SANE_Word>;
+
 // Device names as the device list hands them out; the two USB devices are
 // described in tests/data/options.scn.
 const char DEV_5100[] = "libusb/001/004";  // command 500, the all-in-one family (BOXKIND 1)
@@ -163,9 +166,7 @@ enum {
     O_RESET
 };
 
-// ---------------------------------------------------------------------------
-// The descriptors
-// ---------------------------------------------------------------------------
+// ---- The descriptors ----
 
 struct OptionRow {
     const char* name;
@@ -243,13 +244,9 @@ TEST_P(OptionTable, NamesTitlesTypesCapabilitiesAndConstraints) {
         }
         if (d.constraint_type == SANE_CONSTRAINT_STRING_LIST) {
             // A front end walks the list to its NULL; every entry fits the value.
-            ASSERT_NE(nullptr, d.constraint.string_list);
-            int i = 0;
-            while (i < 100 && d.constraint.string_list[i] != nullptr) {
-                EXPECT_LT(strlen(d.constraint.string_list[i]), (size_t)d.size) << d.constraint.string_list[i];
-                ++i;
-            }
-            EXPECT_LT(i, 100) << "no terminating NULL";
+            const Strings list = stringList(n);
+            EXPECT_LT(list.size(), 100u) << "no terminating NULL";
+            for (const std::string& e : list) EXPECT_LT(e.size(), (size_t)d.size) << e;
         }
     }
     EXPECT_STREQ(c.sizeDesc, opt(O_SIZE).desc);
@@ -281,12 +278,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {4, 5, 5, 32, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 0, 5, 5, 64, 5, 5, 5, 37, 5, 5},
                   SANE_TYPE_FIXED, RANGE, SIZE_DESC, SOURCE_DESC_NET}));
 
-// ---------------------------------------------------------------------------
-// The value lists and ranges
-// ---------------------------------------------------------------------------
-
-using Strings = std::vector<std::string>;
-using Words = std::vector<SANE_Word>;
+// ---- The value lists and ranges ----
 
 const std::string OFICIO = "Oficio (M\xC3\xA9xico)";
 const Strings MODES = {"1-bit Black & White", "8-bit Grayscale", "24-bit Color"};
@@ -411,9 +403,7 @@ TEST_F(Options, OldLaserFamilyOffersTheFixedResolutions) {
     EXPECT_EQ((Words{150, 200, 300}), wordList(O_RES));
 }
 
-// ---------------------------------------------------------------------------
-// Page sizes follow the source on the all-in-one family
-// ---------------------------------------------------------------------------
+// ---- Page sizes follow the source on the all-in-one family ----
 
 TEST_F(Options, AllInOnePageSizesFollowTheSourceAndTheFeederListStaysEmptyUntilReopened) {
     openDevice(DEV_5100);
@@ -444,9 +434,7 @@ TEST_F(Options, AllInOnePageSizesFollowTheSourceAndTheFeederListStaysEmptyUntilR
     EXPECT_EQ(Strings{}, stringList(O_SIZE));
 }
 
-// ---------------------------------------------------------------------------
-// Getting and setting values
-// ---------------------------------------------------------------------------
+// ---- Getting and setting values ----
 
 struct ControlCase {
     const char* device;
@@ -497,21 +485,16 @@ INSTANTIATE_TEST_SUITE_P(
         word(DEV_5100, O_BRIGHT, SANE_FIX(-7), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(-2)),
         word(DEV_5100, O_CONTRAST, SANE_FIX(-1), SANE_STATUS_GOOD, 0, SANE_FIX(-1)),
         word(DEV_4200, O_BRIGHT, SANE_FIX(12), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(9)),
-        word(DEV_4200, O_CONTRAST, SANE_FIX(4), SANE_STATUS_GOOD, 0, SANE_FIX(4)),
         word(DEV_5100, O_THRESHOLD, SANE_FIX(300), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(254)),
         // BOOL: stored as given, read back shifted by 16 (intended).
         word(DEV_5100, O_MIRROR, SANE_TRUE, SANE_STATUS_GOOD, 0, 65536),
-        word(DEV_4200, O_NEGATIVE, SANE_TRUE, SANE_STATUS_GOOD, 0, 65536),
-        word(DEV_4200, O_BOTH, SANE_FALSE, SANE_STATUS_GOOD, 0, 0),
         word(DEV_4200, O_NOW, SANE_TRUE, SANE_STATUS_GOOD, 0, 65536),
         // String lists: the entry's text, exactly.
         text(DEV_5100, O_MODE, "8-bit Grayscale", SANE_STATUS_GOOD, RELOAD, "8-bit Grayscale"),
         text(DEV_5100, O_MODE, "8-bit grayscale", INVAL, 0, nullptr),
         text(DEV_5100, O_MODE, "8-bit Grayscale ", INVAL, 0, nullptr),
-        text(DEV_4200, O_MODE, "1-bit Black & White", SANE_STATUS_GOOD, RELOAD, "1-bit Black & White"),
         text(DEV_4200, O_SIZE, "Tabloid", SANE_STATUS_GOOD, RELOAD, "Tabloid"),
         text(DEV_5100, O_SIZE, "Tabloid", INVAL, 0, nullptr),  // not in this family's list
-        text(DEV_5100, O_CONTENT, "Photo", SANE_STATUS_GOOD, 0, "Photo"),
         text(DEV_5100, O_ORIENT, "Landscape", INVAL, 0, nullptr),
         text(DEV_5100, O_DOCSRC, "Magazine", SANE_STATUS_GOOD, 0, "Magazine"),
         text(DEV_4200, O_DOCSRC, "Inkjet Plain", SANE_STATUS_GOOD, 0, "Inkjet Plain"),
@@ -528,7 +511,10 @@ INSTANTIATE_TEST_SUITE_P(
         text(DEV_4200, O_USER, "bad-name", INVAL, 0, nullptr),
         text(DEV_4200, O_PROFILE, "", INVAL, 0, nullptr),
         text(DEV_4200, O_PROFILE, "with blank", INVAL, 0, nullptr),
-        text(DEV_4200, O_PROFILE, "Office2", SANE_STATUS_GOOD, 0, "Office2")));
+        text(DEV_4200, O_PROFILE, "Office2", SANE_STATUS_GOOD, 0, "Office2"),
+        // The network placeholder stores an address and a name.
+        text(DEV_NET, O_IP, "192.0.2.7", SANE_STATUS_GOOD, 0, "192.0.2.7"),
+        text(DEV_NET, O_USER, "alice", SANE_STATUS_GOOD, 0, "alice")));
 
 TEST_F(Options, RefusedCallsLeaveEverythingAlone) {
     openDevice(DEV_4200);
@@ -580,9 +566,7 @@ TEST_F(Options, CurrentUserNameReadsAsTheLoginName) {
     EXPECT_EQ(pw ? pw->pw_name : "User1", getString(O_USER));
 }
 
-// ---------------------------------------------------------------------------
-// Frame parameters over USB
-// ---------------------------------------------------------------------------
+// ---- Frame parameters over USB ----
 
 struct Frame {
     SANE_Frame format;
@@ -598,95 +582,67 @@ void expectFrame(const Frame& f, const SANE_Parameters& p) {
     EXPECT_EQ(SANE_TRUE, p.last_frame);
 }
 
+// The frame get_parameters announces and, unless a preview, the scan window
+// that start sends (the request carrying it: 4 START on the 402, 3 LOCK on the
+// 500; line art goes out padded to whole bytes on the 402 only).
 struct ParamCase {
     const char* device;
+    SANE_Word dpi;
     const char* mode;
+    const char* size;
     bool preview;
     Frame frame;
+    int dev, request;
+    unsigned wireWidth;
 };
 
 class UsbParameters : public Options, public ::testing::WithParamInterface<ParamCase> {};
 
-TEST_P(UsbParameters, FollowResolutionModeAndSize) {
+TEST_P(UsbParameters, FollowResolutionModeAndSizeAndReachTheScanWindow) {
     const ParamCase& c = GetParam();
     if (c.preview) writeConfiguration("[INTEGERS]\nPREVIEW=1\n");
-    openDevice(c.device);
-    ASSERT_EQ(SANE_STATUS_GOOD, setWord(O_RES, 182));
-    ASSERT_EQ(SANE_STATUS_GOOD, setString(O_MODE, c.mode));
-    ASSERT_EQ(SANE_STATUS_GOOD, setString(O_SIZE, "Statement"));  // 139.7 x 215.9 mm
-    expectFrame(c.frame, parameters());
-    // A preview computes at 75 dpi but leaves the user's resolution.
-    EXPECT_EQ(182, getWord(O_RES));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Frames, UsbParameters,
-    ::testing::Values(
-        // 5.5 in x 182 dpi = 1001 pixels; line art rounds the bytes up.
-        ParamCase{DEV_4200, "1-bit Black & White", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}},
-        ParamCase{DEV_4200, "8-bit Grayscale", false, {SANE_FRAME_GRAY, 8, 1001, 1547, 1001}},
-        ParamCase{DEV_4200, "24-bit Color", false, {SANE_FRAME_RGB, 8, 1001, 1547, 3003}},
-        ParamCase{DEV_5100, "1-bit Black & White", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}},
-        // Preview at 75 dpi: 412.5 x 637.5 pixels, rounded on the second
-        // family and cut down on the all-in-one family.
-        ParamCase{DEV_4200, "24-bit Color", true, {SANE_FRAME_RGB, 8, 413, 638, 1239}},
-        ParamCase{DEV_5100, "1-bit Black & White", true, {SANE_FRAME_GRAY, 1, 412, 637, 52}}));
-
-// ---------------------------------------------------------------------------
-// What the device receives
-// ---------------------------------------------------------------------------
-
-struct WindowCase {
-    const char* device;
-    int dev;
-    int request;  // that carries the window: 4 START (402), 3 LOCK (500)
-    SANE_Word dpi;
-    const char* mode;
-    const char* size;
-    int color;  // 1 line art, 2 grey, 3 colour
-    unsigned width, lines;
-};
-
-class SettingsOnTheWire : public Options, public ::testing::WithParamInterface<WindowCase> {};
-
-TEST_P(SettingsOnTheWire, OptionsSetBeforeStartReachTheScanWindow) {
-    const WindowCase& c = GetParam();
     openDevice(c.device);
     ASSERT_EQ(SANE_STATUS_GOOD, setWord(O_RES, c.dpi));
     ASSERT_EQ(SANE_STATUS_GOOD, setString(O_MODE, c.mode));
     ASSERT_EQ(SANE_STATUS_GOOD, setString(O_SIZE, c.size));
+    expectFrame(c.frame, parameters());
+    // A preview computes at 75 dpi but leaves the user's resolution.
+    EXPECT_EQ(c.dpi, getWord(O_RES));
+    if (c.preview) return;
     ASSERT_EQ(SANE_STATUS_GOOD, api.start(handle));
     usbsim_window w;
     ASSERT_EQ(0, usbsim_last_window(c.dev, &w));
     EXPECT_EQ(c.request, w.request);
-    EXPECT_EQ(c.color, w.color);
+    EXPECT_EQ(c.frame.depth == 1 ? 1 : c.frame.format == SANE_FRAME_RGB ? 3 : 2, w.color);
     EXPECT_EQ(c.dpi, w.xres);
     EXPECT_EQ(c.dpi, w.yres);
-    EXPECT_EQ(c.width, w.width);
-    EXPECT_EQ(c.lines, w.lines);
+    EXPECT_EQ(c.wireWidth, w.width);
+    EXPECT_EQ((unsigned)c.frame.lines, w.lines);
     EXPECT_EQ(0u, w.offset_x);
     EXPECT_EQ(0u, w.offset_y);
     api.cancel(handle);
 }
 
+const char LINEART[] = "1-bit Black & White";
+const char GREY[] = "8-bit Grayscale";
+const char COLOUR[] = "24-bit Color";
+
 INSTANTIATE_TEST_SUITE_P(
-    Models, SettingsOnTheWire,
-    ::testing::Values(WindowCase{DEV_4200, 1, 4, 300, "8-bit Grayscale", "Letter", 2, 2550, 3300},
-                      WindowCase{DEV_4200, 1, 4, 182, "24-bit Color", "Statement", 3, 1001, 1547},
-                      WindowCase{DEV_5100, 0, 3, 300, "8-bit Grayscale", "Letter", 2, 2550, 3300},
-                      WindowCase{DEV_5100, 0, 3, 182, "1-bit Black & White", "Statement", 1, 1001, 1547}));
+    Frames, UsbParameters,
+    ::testing::Values(
+        // Statement, 5.5 in x 182 dpi = 1001 pixels; line art rounds the bytes up.
+        ParamCase{DEV_4200, 182, LINEART, "Statement", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}, 1, 4, 1008},
+        ParamCase{DEV_4200, 182, GREY, "Statement", false, {SANE_FRAME_GRAY, 8, 1001, 1547, 1001}, 1, 4, 1001},
+        ParamCase{DEV_4200, 182, COLOUR, "Statement", false, {SANE_FRAME_RGB, 8, 1001, 1547, 3003}, 1, 4, 1001},
+        ParamCase{DEV_5100, 182, LINEART, "Statement", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}, 0, 3, 1001},
+        ParamCase{DEV_4200, 300, GREY, "Letter", false, {SANE_FRAME_GRAY, 8, 2550, 3300, 2550}, 1, 4, 2550},
+        ParamCase{DEV_5100, 300, GREY, "Letter", false, {SANE_FRAME_GRAY, 8, 2550, 3300, 2550}, 0, 3, 2550},
+        // Preview at 75 dpi: 412.5 x 637.5 pixels, rounded on the second
+        // family and cut down on the all-in-one family.
+        ParamCase{DEV_4200, 182, COLOUR, "Statement", true, {SANE_FRAME_RGB, 8, 413, 638, 1239}, 1, 4, 0},
+        ParamCase{DEV_5100, 182, LINEART, "Statement", true, {SANE_FRAME_GRAY, 1, 412, 637, 52}, 0, 3, 0}));
 
-// ---------------------------------------------------------------------------
-// The network placeholder: address, dependencies, reset, parameters
-// ---------------------------------------------------------------------------
-
-TEST_F(Options, NetworkPlaceholderTakesAnAddress) {
-    openDevice(DEV_NET);
-    ASSERT_EQ(SANE_STATUS_GOOD, setString(O_IP, "192.0.2.7"));
-    EXPECT_EQ("192.0.2.7", getString(O_IP));
-    ASSERT_EQ(SANE_STATUS_GOOD, setString(O_USER, "alice"));
-    EXPECT_EQ("alice", getString(O_USER));
-}
+// ---- The network placeholder: address, dependencies, reset, parameters ----
 
 struct DependencyCase {
     int option;  // O_MODE or O_DROPOUT

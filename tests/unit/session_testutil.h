@@ -125,28 +125,20 @@ private:
     qt::ScopedEnv demonEnv;
 };
 
-// Writes that reached device 0 from the index `from` on, each as lower-case hex.
-inline std::vector<std::string> writes(int from = 0) {
+// The 8-byte headers (lower-case hex) of the writes to device 0 from the index `from` on.
+inline std::vector<std::string> writeHeaders(int from = 0) {
     std::vector<std::string> out;
-    int n = usbsim_write_count(0);
-    for (int i = from; i < n; ++i) {
+    for (int i = from, n = usbsim_write_count(0); i < n; ++i) {
         unsigned char buf[256];
         int len = usbsim_get_write(0, i, buf, sizeof(buf));
         std::string hex;
         char two[3];
-        for (int k = 0; k < len && k < (int)sizeof(buf); ++k) {
+        for (int k = 0; k < len && k < 8; ++k) {
             snprintf(two, sizeof(two), "%02x", buf[k]);
             hex += two;
         }
         out.push_back(hex);
     }
-    return out;
-}
-
-// The 8-byte headers of the writes to device 0 from the index `from` on.
-inline std::vector<std::string> writeHeaders(int from = 0) {
-    std::vector<std::string> out;
-    for (const std::string& w : writes(from)) out.push_back(w.substr(0, 16));
     return out;
 }
 
