@@ -893,9 +893,7 @@ int NetComm::nextPage() {
 
 int NetComm::processPage(const std::string& path, bool firstPage) {
     LOG_DEBUG("trying to open image file now %s", path.c_str());
-    szImageFile = path;
-    pImageFile.reset(openRegularFile(path));
-    if (!pImageFile) {
+    if (!openPage(path)) {
         LOG_DEBUG("[ERROR] failed to open image file");
         endJob();
         return COMM_STATUS_READ_FAILED;
@@ -912,6 +910,12 @@ int NetComm::processPage(const std::string& path, bool firstPage) {
     // The page is decoded and at hand: the session skips the device exchanges
     // of a USB scan (lock, start) and reads it straight away.
     return COMM_STATUS_CACHED_PAGES;
+}
+
+bool NetComm::openPage(const std::string& path) {
+    szImageFile = path;
+    pImageFile.reset(openRegularFile(path));
+    return pImageFile != nullptr;
 }
 
 void NetComm::readSideFile(const std::string& path, bool firstPage) {

@@ -127,6 +127,8 @@ public:
     // Opens the page file and post-processes it: 19 when ready, 15 when the
     // page cannot be read or decoded (the job then ends).
     int processPage(const std::string& path, bool firstPage);
+    // Opens path as the page to post-process; false when it cannot be read.
+    bool openPage(const std::string& path);
     // Decodes, turns and scales the open page; 0 on success.
     int postProcess(bool firstPage);
     // Reads the PXM header of the open page; 0 on success.
