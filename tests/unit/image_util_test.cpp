@@ -76,6 +76,25 @@ TEST(ImageRotation, OneEightyIsOnePixelOffIntoTheSparePixel) {
               rotated(2, 2, 2, Bytes(colour.begin(), colour.begin() + 8), 180));
 }
 
+// An image over a buffer that is not zero turns out the same as a fresh one,
+// also when the file ends early.
+TEST(ImageRotation, TakenOverBufferGivesTheSameResult) {
+    const Bytes colour = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18};  // 3 x 2
+    for (int angle : {90, 180, 270}) {
+        for (size_t n : {colour.size(), (size_t)10, (size_t)0}) {
+            const Bytes part(colour.begin(), colour.begin() + (long)n);
+            unsigned char* dirty = (unsigned char*)malloc(21);
+            memset(dirty, 0xAA, 21);
+            Image image(3, 2, 2, dirty);
+            FILE* f = fileWith(part);
+            unsigned char* out = image.rotateImageFromFile(f, angle);
+            fclose(f);
+            ASSERT_NE(nullptr, out);
+            EXPECT_EQ(rotated(3, 2, 2, part, angle), Bytes(out, out + 21)) << angle << " " << n;
+        }
+    }
+}
+
 TEST(ImageRotation, RefusesOtherAnglesNoFileAndEmptyImages) {
     Image image(3, 2, 1);
     FILE* f = fileWith({1, 2, 3, 4, 5, 6});
