@@ -182,6 +182,27 @@ bool privateDirectory(const std::string& dir) {
     return true;
 }
 
+// A UDP socket with SO_BROADCAST and SO_REUSEADDR, bound to port 5353 of any
+// address (and non-blocking when asked), or -1.
+int openDiscoverySocket(bool nonBlocking) {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (nonBlocking) fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    struct sockaddr_in any;
+    memset(&any, 0, sizeof(any));
+    any.sin_family = AF_INET;
+    any.sin_port = htons(NET_DISCOVERY_PORT);
+    any.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (bind(fd, (struct sockaddr*)&any, sizeof(any)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 // The page file's side file: its last ".pxm" replaced by ".conf".
 std::string sideFileName(const std::string& page) {
     size_t at = page.rfind(PAGE_EXTENSION);
@@ -497,6 +518,19 @@ bool NetComm::acceptDevice(const NValueObjects& device, const char* manufacturer
     return false;
 }
 
+ssize_t NetComm::sendQuery(int fd) {
+    unsigned char* packet = nullptr;
+    int length = createMdnsPacket(&packet);
+    struct sockaddr_in to;
+    memset(&to, 0, sizeof(to));
+    to.sin_family = AF_INET;
+    to.sin_port = htons(NET_DISCOVERY_PORT);
+    to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+    ssize_t sent = packet ? sendto(fd, packet, (size_t)length, 0, (struct sockaddr*)&to, sizeof(to)) : -1;
+    free(packet);
+    return sent;
+}
+
 int NetComm::getScanners(char*** list, int* count, void* conf) {
     LOG_METHOD_START();
     if (list == nullptr || count == nullptr) {
@@ -505,38 +539,19 @@ int NetComm::getScanners(char*** list, int* count, void* conf) {
     }
     SaneConfReader* reader = static_cast<SaneConfReader*>(conf);
     const char* manufacturer = reader != nullptr ? reader->GetManufacturer() : MAKER_NAME;
-    unsigned char* packet = nullptr;
-    int packetLen = createMdnsPacket(&packet);
     *list = nullptr;
     *count = 0;
     vDevices.clear();
 
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int on = 1;
-    struct sockaddr_in any;
-    memset(&any, 0, sizeof(any));
-    any.sin_family = AF_INET;
-    any.sin_port = htons(NET_DISCOVERY_PORT);
-    any.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (fd >= 0) {
-        setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    }
-    if (fd < 0 || bind(fd, (struct sockaddr*)&any, sizeof(any)) != 0) {
+    int fd = openDiscoverySocket(true);
+    if (fd < 0) {
         LOG_DEBUG("broadcase eror");  // spelled so on purpose
-        if (fd >= 0) close(fd);
-        free(packet);
         LOG_METHOD_END_INT(COMM_STATUS_BIND_FAILED);
         return COMM_STATUS_BIND_FAILED;
     }
 
     int status = COMM_STATUS_GOOD;
-    struct sockaddr_in broadcast = any;
-    broadcast.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    ssize_t sent = packet ? sendto(fd, packet, (size_t)packetLen, 0, (struct sockaddr*)&broadcast, sizeof(broadcast))
-                          : -1;
-    free(packet);
+    ssize_t sent = sendQuery(fd);
     if (sent < 1) {
         LOG_DEBUG("sendto return an error");
         status = COMM_STATUS_SEND_FAILED;
@@ -626,28 +641,12 @@ int NetComm::makeDeviceList(bool placeholder, char*** list, int* count) {
 NValueObjects* NetComm::getScanner(char* name) {
     LOG_METHOD_START();
     if (name == nullptr) return nullptr;
-    unsigned char* packet = nullptr;
-    int packetLen = createMdnsPacket(&packet);
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int on = 1;
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(NET_DISCOVERY_PORT);
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (fd >= 0) {
-        setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    }
-    if (fd < 0 || bind(fd, (struct sockaddr*)&addr, sizeof(addr)) != 0) {
+    int fd = openDiscoverySocket(false);
+    if (fd < 0) {
         LOG_DEBUG("creating datagram socket failed");
-        if (fd >= 0) close(fd);
-        free(packet);
         return nullptr;
     }
-    addr.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    ssize_t sent = packet ? sendto(fd, packet, (size_t)packetLen, 0, (struct sockaddr*)&addr, sizeof(addr)) : -1;
-    free(packet);
+    ssize_t sent = sendQuery(fd);
     if (sent < 1) {
         LOG_DEBUG("failed to send mDNS packet");
         close(fd);

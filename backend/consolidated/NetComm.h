@@ -162,6 +162,8 @@ private:
         void operator()(FILE* f) const { fclose(f); }
     };
 
+    // Sends the query to 255.255.255.255:5353; the result of sendto.
+    ssize_t sendQuery(int fd);
     int optionInt(const char* key) const;
     const char* optionString(const char* key) const;
     // The next page of a multi-page job.
