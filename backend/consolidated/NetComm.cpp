@@ -203,6 +203,17 @@ int openDiscoverySocket(bool nonBlocking) {
     return fd;
 }
 
+// The scan program's code of a list index of the front end, or -1 outside the list.
+template <size_t N>
+int mapIndex(const int (&table)[N], int index) {
+    return index >= 0 && (size_t)index < N ? table[index] : -1;
+}
+
+int mappedSize(int boxKind, int index) {
+    return boxKind != 0 ? mapIndex(isd_sane_size_kestrel_size_mapping, index)
+                        : mapIndex(sane_size_kestrel_size_mapping, index);
+}
+
 // The page file's side file: its last ".pxm" replaced by ".conf".
 std::string sideFileName(const std::string& page) {
     size_t at = page.rfind(PAGE_EXTENSION);
@@ -760,16 +771,13 @@ int NetComm::buildScanCommand(std::string& command, std::string& pageFile, bool&
     }
     const int sizeIndex = optionInt("ORIGINALSIZE");
     const int sourceIndex = optionInt("DOCUMENTSOURCE");
-    const int* sizes = boxKind != 0 ? isd_sane_size_kestrel_size_mapping : sane_size_kestrel_size_mapping;
-    const int sizeCount = boxKind != 0 ? 32 : 38;
-    const int* sources =
-        boxKind != 0 ? isd_sane_docsource_kestrel_docsource_mapping : pssd_sane_docsource_kestrel_docsource_mapping;
-    const int sourceCount = boxKind != 0 ? 9 : 10;
-    if (sizeIndex < 0 || sizeIndex >= sizeCount || sourceIndex < 0 || sourceIndex >= sourceCount) {
+    const int size = mappedSize(boxKind, sizeIndex);
+    const int source = boxKind != 0 ? mapIndex(isd_sane_docsource_kestrel_docsource_mapping, sourceIndex)
+                                    : mapIndex(pssd_sane_docsource_kestrel_docsource_mapping, sourceIndex);
+    if (size < 0 || source < 0) {
         LOG_DEBUG("[ERROR] ORIGINALSIZE %d or DOCUMENTSOURCE %d outside its list", sizeIndex, sourceIndex);
         return COMM_STATUS_INVALID_ARG;
     }
-    const int size = sizes[sizeIndex];
     morePages = jobHasMorePages(size);
 
     // Every value that is not a number or the checked address is shell-quoted,
@@ -785,7 +793,7 @@ int NetComm::buildScanCommand(std::string& command, std::string& pageFile, bool&
                        optionInt("COLORDROPOUT"), optionInt("COLORDROPOUTTHRESHOLD"), compression, type);
     // Only colour jobs send a contrast.
     if (depth == COLOR_DEPTH_COLOR) args += formatText(" --contrast=%d", contrast);
-    args += formatText(" --documentsource=%d --sharpness=%d --start-now=%d", sources[sourceIndex],
+    args += formatText(" --documentsource=%d --sharpness=%d --start-now=%d", source,
                        optionInt("SHARPNESS"), optionInt("SCAN_NOW"));
     command = utilShellQuote(binary) + " " + args;
     // A cut command could lose arguments or a closing quote: it is not run.
@@ -884,13 +892,8 @@ int NetComm::nextPage() {
         endJob();
         return COMM_STATUS_INVALID_ARG;
     }
-    std::string page = formatText("%s/%s%s.%d", dir, profile, PAGE_FILE_SUFFIX, counter);
-    const int boxKind = optionInt("BOXKIND");
-    const int sizeIndex = optionInt("ORIGINALSIZE");
-    const int sizeCount = boxKind != 0 ? 32 : 38;
-    const int size = sizeIndex < 0 || sizeIndex >= sizeCount ? -1
-                     : boxKind != 0                          ? isd_sane_size_kestrel_size_mapping[sizeIndex]
-                                                             : sane_size_kestrel_size_mapping[sizeIndex];
+    const std::string page = std::string(dir) + "/" + profile + PAGE_FILE_SUFFIX + "." + std::to_string(counter);
+    const int size = mappedSize(optionInt("BOXKIND"), optionInt("ORIGINALSIZE"));
     if (jobHasMorePages(size)) {
         ++counter;
         LOG_DEBUG("incrementing counter to: %d", counter);
