@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -397,6 +399,21 @@ TEST_P(ColorCorrectFails, ImagePassesUncorrected) {
 }
 
 const std::string LUTC = lutPath("lutc0.bin"), LUTG = lutPath("lutg0.bin");
+
+// Table files that must never be read: one byte more than the largest table
+// (sparse), and a pipe that nobody writes to (reading it would wait forever).
+std::string unusableTable(const char* name) {
+    static qt::TempDir dir;
+    std::string path = dir.file(name);
+    if (strcmp(name, "pipe") == 0) {
+        mkfifo(path.c_str(), 0600);
+    } else {
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (fd >= 0 && ftruncate(fd, IMColorCorrect::MAX_TABLE_SIZE + 1) != 0) path += ".unmade";
+        if (fd >= 0) close(fd);
+    }
+    return path;
+}
 INSTANTIATE_TEST_SUITE_P(
     Missing, ColorCorrectFails,
     ::testing::Values(FailCase{"noLibrary", "/nonexistent/libnone.so", "ScanCorrect", LUTC, LUTG},
@@ -407,6 +424,9 @@ INSTANTIATE_TEST_SUITE_P(
                       FailCase{"noGreyTableKey", testLibrary(), "ScanCorrect", LUTC, ""},
                       FailCase{"emptyTable", testLibrary(), "ScanCorrect", "/dev/null", LUTG},
                       FailCase{"tableIsDirectory", testLibrary(), "ScanCorrect", lutPath(""), LUTG},
+                      FailCase{"colourTableTooLarge", testLibrary(), "ScanCorrect", unusableTable("huge.bin"), LUTG},
+                      FailCase{"greyTableTooLarge", testLibrary(), "ScanCorrect", LUTC, unusableTable("huge.bin")},
+                      FailCase{"tableIsAPipe", testLibrary(), "ScanCorrect", unusableTable("pipe"), LUTG},
                       // The library refuses a table shorter than 256 bytes; its error is only logged.
                       FailCase{"libraryError", testLibrary(), "ScanCorrect", lutPath("lutshort.bin"), LUTG,
                                "Scan Correct error = 1."}),
