@@ -111,6 +111,54 @@ TEST(DataBufferTest, GetProcessedDataCopiesRemovesAndShifts) {
     EXPECT_EQ(Bytes({0x00, 0x06, 0x07, 0x08}), allBytes(dest));
 }
 
+// ReplaceRawData splices bytes in place of the first raw ones: the processed
+// prefix stays, the new bytes join it, the rest of the raw bytes follow them.
+struct SpliceCase {
+    const char* name;
+    int processed;  // of the 8 bytes 00..07 held
+    int n;          // raw bytes replaced
+    Bytes insert;
+    int result;
+    Bytes after;
+    int processedAfter;
+};
+void PrintTo(const SpliceCase& c, std::ostream* os) { *os << c.name; }
+class DataBufferSplice : public ::testing::TestWithParam<SpliceCase> {};
+
+TEST_P(DataBufferSplice, ReplacesTheFrontOfTheRawBytes) {
+    const SpliceCase& c = GetParam();
+    DataBuffer b;
+    const Bytes held = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07};
+    b.SetRawData(held.data(), 8);
+    b.SetProcessedDataSize(c.processed);
+    EXPECT_EQ(c.result, b.ReplaceRawData(c.n, c.insert.empty() ? nullptr : c.insert.data(), (int)c.insert.size()));
+    EXPECT_EQ(c.after, allBytes(b));
+    EXPECT_EQ(c.processedAfter, b.GetProcessedDataSize());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DataBufferSplice,
+    ::testing::Values(
+        SpliceCase{"dropHeaderAtFront", 0, 3, {}, 1, {0x03, 0x04, 0x05, 0x06, 0x07}, 0},
+        SpliceCase{"dropAfterProcessed", 2, 3, {}, 1, {0x00, 0x01, 0x05, 0x06, 0x07}, 2},
+        SpliceCase{"growInTheMiddle", 2, 1, {0xA0, 0xA1, 0xA2}, 1,
+                   {0x00, 0x01, 0xA0, 0xA1, 0xA2, 0x03, 0x04, 0x05, 0x06, 0x07}, 5},
+        SpliceCase{"shrinkInTheMiddle", 1, 4, {0xB0}, 1, {0x00, 0xB0, 0x05, 0x06, 0x07}, 2},
+        SpliceCase{"moreThanRawIsCut", 6, 100, {0xC0}, 1, {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0xC0}, 7},
+        SpliceCase{"allProcessedAppends", 8, 2, {0xD0, 0xD1}, 1,
+                   {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0xD0, 0xD1}, 10},
+        SpliceCase{"negativeRefused", 0, -1, {}, 0, {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07}, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(DataBufferTest, SpliceIntoAnEmptyBufferAndNullDataRefused) {
+    DataBuffer b;
+    const Bytes bytes = {0x11, 0x22};
+    EXPECT_EQ(0, b.ReplaceRawData(0, nullptr, 2));
+    EXPECT_EQ(1, b.ReplaceRawData(5, bytes.data(), 2));
+    EXPECT_EQ(bytes, allBytes(b));
+    EXPECT_EQ(2, b.GetProcessedDataSize());
+}
+
 // --- ImageData::SetAttributes from the option store ----------------------------
 
 // A USB selection of 1 x 0.5 mm at 254 dpi: 10 pixels by 5 lines.
