@@ -5,7 +5,7 @@
 // the entry points of the built library. A shell script stands in for the
 // program: it records its arguments and copies prepared pages to where
 // --filename points. Expected pixels follow the simulator's formula and the
-// Part's mappings, computed here.
+// documented rotation and resizing mappings, computed here.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,7 +61,7 @@ std::string zlibPage(int depth, int dpi, int w, int h, const Bytes& pixels, cons
     return s + std::string(z.begin(), z.begin() + (long)n);
 }
 
-// The page turned as the Part maps it: 180 one pixel off (the first output
+// The page turned as the rotation maps it: 180 one pixel off (the first output
 // pixel black), 90 and 270 both source (c, r) to (r, w - 1 - c).
 Bytes turned(const Bytes& in, int w, int h, int bpp, int angle, int* ow, int* oh) {
     Bytes out(in.size(), 0);
@@ -81,7 +81,7 @@ Bytes turned(const Bytes& in, int w, int h, int bpp, int angle, int* ow, int* oh
     return out;
 }
 
-// Nearest neighbour as the Part sizes it: the width by the exact ratio, the
+// Nearest neighbour as the resizing sizes it: the width by the exact ratio, the
 // height by the whole factor.
 Bytes scaled(const Bytes& in, int w, int h, int bpp, int from, int to, int* ow, int* oh) {
     *ow = (int)(to * ((double)w / from));
