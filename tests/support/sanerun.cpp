@@ -25,6 +25,8 @@ std::vector<std::string> SaneEnv::env(const std::vector<std::string>& extra) con
         "SANE_CONFIG_DIR=" + dir.path(),
         "LD_LIBRARY_PATH=" + binaryDir() + "/sim:" + binaryDir() + "/backend",
         "QUARTO_USBSIM_LOG=" + simLogPath(),
+        // No progress window from a feeder job unless a test asks for one.
+        "DISPLAY=",
     };
     if (!szScenario.empty()) e.push_back("QUARTO_USBSIM=" + szScenario);
     for (const std::string& x : extra) e.push_back(x);

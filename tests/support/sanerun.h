@@ -19,7 +19,8 @@ public:
     const std::string& confDir() const { return dir.path(); }
     std::string file(const std::string& name) const { return dir.file(name); }
     // Environment for a front end: SANE_CONFIG_DIR, LD_LIBRARY_PATH (simulator
-    // first), QUARTO_USBSIM, QUARTO_USBSIM_LOG, plus the extra entries.
+    // first), QUARTO_USBSIM, QUARTO_USBSIM_LOG, an empty DISPLAY, plus the
+    // extra entries (which may set DISPLAY again).
     std::vector<std::string> env(const std::vector<std::string>& extra = {}) const;
     std::string simLogPath() const { return dir.file("usbsim.log"); }
 
