@@ -123,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     store.SetIntOption("COMPRESSION", compressed ? 1 : 0);
     store.SetIntOption("COLORDEPTH", (data[0] & 8) ? 2 : 1);
     store.SetIntOption("PIXELS_PER_LINE", data[1] + 1);
-    store.SetIntOption("SCANHEIGHT", data[2] + 3);
+    store.SetIntOption("LINES", data[2] + 3);
     std::unique_ptr<ICommand> cmd(ICommand::createCmdInstance(version, 1, 0));
     cmd->setConfigReader(&store);
     IOComm comm;

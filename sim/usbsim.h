@@ -87,6 +87,19 @@ int usbsim_inject(int dev, const unsigned char* data, int len);
 /* Transfers waiting to be read on dev (a running scan counts one). */
 int usbsim_queued(int dev);
 
+/* Loads the feeder of dev with `sheets` sheets (0: empty; -1: sheets no longer
+ * simulated, the scenario's "feeder" state is reported again) and restarts the
+ * page count p at 1. Returns 0, or -1 for an unknown device or value. */
+int usbsim_load_feeder(int dev, int sheets);
+/* Sheets left in the feeder of dev; -1 when sheets are not simulated, -2 for
+ * an unknown device. */
+int usbsim_feeder_sheets(int dev);
+
+/* Appends every band of a compressed scan, exactly as the devices send it, to
+ * the file at path (created 0600; a symbolic link or a file of another user is
+ * refused); NULL stops. Overrides QUARTO_USBSIM_BANDS. Returns 0 or -1. */
+int usbsim_set_band_file(const char* path);
+
 #ifdef __cplusplus
 }
 #endif

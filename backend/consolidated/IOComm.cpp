@@ -1105,7 +1105,10 @@ int IOComm::readAndDecompressData() {
 int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
     LOG_METHOD_START();
     int pixels = optionInt("PIXELS_PER_LINE");
-    int lines = optionInt("SCANHEIGHT");
+    // The frame announced LINES lines and the device sends that many.
+    // SCANHEIGHT is the area's bottom edge, one line more where it rounds up
+    // and more again below a top margin, so the image would overrun the frame.
+    int lines = optionInt("LINES");
     int depth = optionInt("COLORDEPTH");
     LOG_DEBUG("the colordepth %d", depth);
     const bool colour = depth == 2;

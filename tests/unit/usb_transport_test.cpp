@@ -118,7 +118,7 @@ protected:
     }
     // Compressed mode with the image geometry the band decoder reads.
     void compressedImage(int pixels, int lines, int depth) {
-        options({{"COMPRESSION", 1}, {"PIXELS_PER_LINE", pixels}, {"SCANHEIGHT", lines}, {"COLORDEPTH", depth}});
+        options({{"COMPRESSION", 1}, {"PIXELS_PER_LINE", pixels}, {"LINES", lines}, {"COLORDEPTH", depth}});
     }
 
     std::string events() { return usbsim_events(); }
