@@ -94,6 +94,13 @@ inline Bytes deviceLine(const Window& w, int row, bool bgr = false) {
     return line;
 }
 
+// Line `row` of page p (from 1) of a feeder job: the page formula shifted
+// by 64 pixels a page, (X + 64 (p - 1), Y).
+inline Bytes feederLine(Window w, int row, int page) {
+    w.iX += 64 * (page - 1);
+    return deviceLine(w, row);
+}
+
 // ---- scanimage output ----
 
 struct Pnm {
