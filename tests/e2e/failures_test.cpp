@@ -2,6 +2,7 @@
 // reached the simulated scanner (the scanner is always released), scanimage
 // stopped with Ctrl-C in mid-page, and a front end that keeps its handle open
 // and scans again after a failed page.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -218,6 +219,7 @@ struct InProcess : e2e::BackendApi {
     int (*replug)(int, const char*, const char*) = nullptr;
     const char* (*events)() = nullptr;
     void (*clear_record)() = nullptr;
+    int (*feeder_sheets)(int) = nullptr;
     bool bOk = false;
 
     static const InProcess& get() {
@@ -238,7 +240,8 @@ private:
                 e2e::bindSymbol(sim, "usbsim_set_fault", a.set_fault) &&
                 e2e::bindSymbol(sim, "usbsim_unplug", a.unplug) && e2e::bindSymbol(sim, "usbsim_replug", a.replug) &&
                 e2e::bindSymbol(sim, "usbsim_events", a.events) &&
-                e2e::bindSymbol(sim, "usbsim_clear_record", a.clear_record);
+                e2e::bindSymbol(sim, "usbsim_clear_record", a.clear_record) &&
+                e2e::bindSymbol(sim, "usbsim_feeder_sheets", a.feeder_sheets);
         return a;
     }
 };
@@ -258,7 +261,8 @@ struct KeptHandleFault {
 
 void PrintTo(const KeptHandleFault& c, std::ostream* os) { *os << c.szName; }
 
-class KeptHandle : public ::testing::TestWithParam<KeptHandleFault> {
+// A handle on the 5100 kept across scans, with the means to read whole pages.
+class HandleTest : public ::testing::Test {
 protected:
     void TearDown() override {
         if (h != nullptr) api.close(h);
@@ -302,6 +306,8 @@ protected:
     SANE_Handle h = nullptr;
     SANE_Parameters p{};
 };
+
+class KeptHandle : public HandleTest, public ::testing::WithParamInterface<KeptHandleFault> {};
 
 // A GUI front end keeps the handle after a failed page and starts the next one.
 TEST_P(KeptHandle, NextPageAfterAFailedOne) {
@@ -362,5 +368,107 @@ INSTANTIATE_TEST_SUITE_P(
                       KeptHandleFault{"Unplug", nullptr, 0, false, SANE_STATUS_IO_ERROR, "release", false,
                                       "libusb/002/009"}),
     [](const ::testing::TestParamInfo<KeptHandleFault>& info) { return std::string(info.param.szName); });
+
+// ---------------------------------------------------------------- feeder jobs
+
+// The 5100 with four sheets in its feeder, scanned as one job, 3x5 photos at
+// 150 dpi in colour.
+const int OPT_RESOLUTION = 9;
+const int OPT_SOURCE = 16;
+const int FEEDER_LINES = 750;
+
+std::vector<std::string> listDir(const std::string& path) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(path.c_str())) {
+        while (struct dirent* e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+struct JobFault {
+    const char* szName;
+    const char* szFault;   // ends the job after page 2 of 4
+    const char* szEvents;  // from the job's start to the front end's cancel
+    int iFirstPage;        // the next starts on the kept handle deliver pages from this one on
+};
+
+void PrintTo(const JobFault& c, std::ostream* os) { *os << c.szName; }
+
+class FeederJobFault : public HandleTest, public ::testing::WithParamInterface<JobFault> {
+protected:
+    // Starts and reads one page of the job; its bytes, or the start's status.
+    SANE_Status page(std::string* data) {
+        SANE_Status s = api.start(h);
+        if (s == SANE_STATUS_GOOD) {
+            EXPECT_EQ(SANE_STATUS_EOF, readToEnd(data));
+        }
+        return s;
+    }
+    void expectPage(const std::string& data, int p) {
+        e2e::Window w = e2e::lastWindow(api.events());
+        ASSERT_TRUE(w.bFound);
+        e2e::Pnm img;
+        img.cKind = '6';
+        img.iWidth = this->p.pixels_per_line;
+        img.iHeight = this->p.lines;
+        img.szData = data;
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::feederLine(w, row, p); })) << "page " << p;
+    }
+};
+
+// A fault after page 2 of 4: the start reports an I/O error, the scanner is
+// unlocked and released, and the kept handle then delivers what the job left:
+// the ended pages, then the sheets the job never reached, then the empty feeder.
+// Closing leaves nothing in the temporary directory.
+TEST_P(FeederJobFault, TheNextBatchOnTheHandleWorksAndNothingIsLeft) {
+    const JobFault& c = GetParam();
+    ASSERT_TRUE(api.bOk) << "the built backend or simulator could not be loaded";
+    qt::TempDir dir, tmp;
+    qt::writeFile(dir.file("quarto.conf"), qt::SaneEnv::expand(e2e::MODELS_CONF));
+    qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
+    qt::ScopedEnv tmpdir("TMPDIR", tmp.path().c_str());
+    ASSERT_EQ(0, api.load_text(q5100Scenario(std::string("  sheets 4\n  multipage on\n  fault ") + c.szFault + " " +
+                                             std::to_string(2 * FEEDER_LINES) + "\n")
+                                   .c_str()));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.open("libusb/001/004", &h));
+    char size[] = "3x5 Photo", source[] = "Automatic Document Feeder";
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_ORIGINAL_SIZE, SANE_ACTION_SET_VALUE, size, nullptr));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_SOURCE, SANE_ACTION_SET_VALUE, source, nullptr));
+    SANE_Word dpi = 150;
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_RESOLUTION, SANE_ACTION_SET_VALUE, &dpi, nullptr));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.get_parameters(h, &p));
+    ASSERT_EQ(FEEDER_LINES, p.lines);
+
+    api.clear_record();
+    std::string data;
+    EXPECT_EQ(SANE_STATUS_IO_ERROR, page(&data));
+    api.cancel(h);
+    EXPECT_EQ(c.szEvents, joined(scanEvents(api.events()))) << api.events();
+    EXPECT_EQ(2, api.feeder_sheets(0));
+
+    api.set_fault(0, c.szFault, -1);
+    for (int p = c.iFirstPage; p <= 4; ++p) {
+        data.clear();
+        ASSERT_EQ(SANE_STATUS_GOOD, page(&data)) << "page " << p;
+        expectPage(data, p);
+    }
+    EXPECT_EQ(SANE_STATUS_NO_DOCS, page(&data));
+    api.cancel(h);
+    api.close(h);
+    h = nullptr;
+    EXPECT_TRUE(listDir(tmp.path()).empty());
+}
+
+// Pages ended before the fault stay cached; an unknown status or a message
+// that is no scan record ends the job the same way.
+INSTANTIATE_TEST_SUITE_P(
+    AfterPage2Of4, FeederJobFault,
+    ::testing::Values(JobFault{"PaperJam", "jam", "STATUS LOCK START scan end status=5 UNLOCK release close", 1},
+                      JobFault{"OutOfMemory", "oom", "STATUS LOCK START scan end status=2 UNLOCK release close", 1},
+                      JobFault{"UnknownStatus", "bad_status", "STATUS LOCK START scan end status=90 UNLOCK release close", 1},
+                      JobFault{"ReadTimeout", "stall", "STATUS LOCK START scan end stalled UNLOCK release close", 1}),
+    [](const ::testing::TestParamInfo<JobFault>& info) { return std::string(info.param.szName); });
 
 }  // namespace
