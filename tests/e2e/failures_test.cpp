@@ -4,6 +4,7 @@
 // and scans again after a failed page.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -470,5 +471,118 @@ INSTANTIATE_TEST_SUITE_P(
                       JobFault{"UnknownStatus", "bad_status", "STATUS LOCK START scan end status=90 UNLOCK release close", 1},
                       JobFault{"ReadTimeout", "stall", "STATUS LOCK START scan end stalled UNLOCK release close", 1}),
     [](const ::testing::TestParamInfo<JobFault>& info) { return std::string(info.param.szName); });
+
+// scanimage --batch over four sheets writes each page into FIFOs planted
+// where it writes its pages ("page-N.pnm.part"), so the test reads page 1
+// whole and stops scanimage with Ctrl-C in the middle of page 2: while the
+// FIFO is not read the scan cannot move on.
+struct BatchInterrupted {
+    int iStatus = -1;
+    std::vector<std::string> vPages;  // what each FIFO delivered
+    std::string szErr;
+};
+
+BatchInterrupted batchInterrupted(const qt::SaneEnv& sane, const std::vector<std::string>& args,
+                                  const std::vector<std::string>& extraEnv, const std::string& pageFormat,
+                                  size_t secondPageBytes, int timeoutSeconds) {
+    BatchInterrupted r;
+    char path[512];
+    for (int p = 1; p <= 2; ++p) {
+        snprintf(path, sizeof(path), pageFormat.c_str(), p);
+        if (mkfifo((std::string(path) + ".part").c_str(), 0600) != 0) return r;
+    }
+    std::string errFile = sane.file("scanimage.err");
+    std::vector<std::string> env = sane.env(extraEnv);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
+        int devnull = open("/dev/null", O_RDWR);
+        dup2(devnull, 0);
+        dup2(devnull, 1);
+        if (errFd >= 0) dup2(errFd, 2);
+        for (const std::string& e : env) putenv(strdup(e.c_str()));
+        std::vector<char*> argv = {const_cast<char*>("scanimage")};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    if (pid < 0) return r;
+    const time_t deadline = time(nullptr) + timeoutSeconds;
+    char buf[65536];
+    for (int p = 1; p <= 2; ++p) {
+        snprintf(path, sizeof(path), pageFormat.c_str(), p);
+        int fd = open((std::string(path) + ".part").c_str(), O_RDONLY | O_NONBLOCK);
+        if (fd < 0) break;
+        std::string data;
+        bool signalled = false;
+        while (time(nullptr) <= deadline) {
+            if (p == 2 && !signalled && data.size() >= secondPageBytes) {
+                kill(pid, SIGINT);
+                signalled = true;
+            }
+            // Before scanimage opens the FIFO nothing is reported; once it has
+            // closed it, the end of file is.
+            struct pollfd pfd = {fd, POLLIN, 0};
+            if (poll(&pfd, 1, 200) <= 0) continue;
+            ssize_t n = read(fd, buf, sizeof(buf));
+            if (n > 0) data.append(buf, (size_t)n);
+            if (n == 0) break;
+        }
+        close(fd);
+        r.vPages.push_back(data);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (time(nullptr) > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(10000);
+    }
+    r.iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.szErr = qt::readFile(errFile);
+    return r;
+}
+
+TEST(UserInterrupts, CtrlCInTheMiddleOfAFeederJobUnlocksAndLeavesNothing) {
+    qt::TempDir dir, tmp;
+    const std::string scenario = dir.file("sim.scn");
+    qt::writeFile(scenario, q5100Scenario("  sheets 4\n  multipage on\n"));
+    qt::SaneEnv sane(e2e::MODELS_CONF, scenario);
+    const std::vector<std::string> page = {"-d", DEVICE, "--format=pnm", "--original-size", "3x5 Photo", "--source",
+                                           "Automatic Document Feeder", "--scan-resolution", "150"};
+    std::vector<std::string> args = page;
+    args.push_back("--batch=" + dir.file("page-%d.pnm"));
+    // 3x5 inch at 150 dpi in colour: 450 x 750 pixels, 1 MB a page.
+    BatchInterrupted r = batchInterrupted(sane, args, {"TMPDIR=" + tmp.path()}, dir.file("page-%d.pnm"), 4096, 60);
+    EXPECT_NE(0, r.iStatus) << r.szErr;
+    EXPECT_NE(std::string::npos, r.szErr.find("received signal 2")) << r.szErr;
+    ASSERT_EQ(2u, r.vPages.size()) << r.szErr;
+    e2e::Pnm img;
+    std::string why;
+    ASSERT_TRUE(e2e::parsePnm(r.vPages[0], &img, &why)) << why;
+    e2e::Window w = e2e::lastWindow(qt::readFile(sane.simLogPath()));
+    EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::feederLine(w, row, 1); }));
+    EXPECT_GE(r.vPages[1].size(), (size_t)4096);
+    EXPECT_LT(r.vPages[1].size(), img.szData.size());
+
+    // One job; page 1 unlocked the scanner, the cancel in page 2 stops and
+    // unlocks again, the scanner is released, the job directory is gone.
+    std::string log = qt::readFile(sane.simLogPath());
+    EXPECT_EQ("STATUS LOCK START scan end status=1 UNLOCK CANCEL cancel UNLOCK release close", joined(scanEvents(log)))
+        << log;
+    EXPECT_TRUE(listDir(tmp.path()).empty());
+
+    // A new run empties the (again loaded) feeder.
+    qt::TempDir again;
+    args = page;
+    args.push_back("--batch=" + again.file("page-%d.pnm"));
+    std::string out, err;
+    EXPECT_EQ(0, sane.scanimage(args, &out, &err, {"TMPDIR=" + tmp.path()}, 60)) << err;
+    EXPECT_EQ(4u, listDir(again.path()).size());
+    EXPECT_TRUE(listDir(tmp.path()).empty());
+}
 
 }  // namespace
