@@ -222,27 +222,13 @@ bool decodeQuarto(CDecompWicket& dec, const Bytes& stream, uint8_t* out, int cha
 
 // The plain reference decoder, band by band.
 bool decodeReference(const Bytes& stream, uint8_t* out, int channels) {
-    wicketref::Decoder ref(true);
-    ref.setQuality(QUALITY, QUALITY);
-    size_t pos = 0;
-    long row = 0, stride = long(PAGE_WIDTH) * channels;
-    while (pos < stream.size()) {
-        const int held = int(stream.size() - pos);
-        uint32_t size = readBE32(stream.data() + pos, held, WICKET_HEADER_SIZE_OFFSET);
-        int lines = int(readBE32(stream.data() + pos, held, WICKET_HEADER_HEIGHT_OFFSET));
-        if (size < uint32_t(WICKET_HEADER_SIZE) || size > uint32_t(held)) return false;
-        int padded = (lines + 7) / 8 * 8;
-        Bytes band(size_t(stride) * padded);
-        int produced;
-        long bits;
-        if (ref.decode(stream.data() + pos + WICKET_HEADER_SIZE, int(size) - WICKET_HEADER_SIZE, band.data(),
-                       PAGE_WIDTH, padded, channels, &produced, &bits) != 0)
-            return false;
-        memcpy(out + row * stride, band.data(), size_t(lines) * size_t(stride));
-        row += lines;
-        pos += size;
-    }
-    return row == PAGE_HEIGHT;
+    Bytes image;
+    int width = 0;
+    if (wicketref::decodeStream(stream.data(), stream.size(), channels, &image, &width) != 0 || width != PAGE_WIDTH ||
+        image.size() != size_t(PAGE_WIDTH) * PAGE_HEIGHT * channels)
+        return false;
+    memcpy(out, image.data(), image.size());
+    return true;
 }
 
 // libjpeg-turbo's own quality scaling of its own copy of the Annex K tables.
