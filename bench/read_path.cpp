@@ -130,32 +130,16 @@ public:
     std::map<std::string, double> rates;
 };
 
-// Resident memory, kB, from /proc/self/status ("VmHWM" peak, "VmRSS" current).
-long statusKb(const char* key) {
-    std::string s = qt::readFile("/proc/self/status");
-    size_t pos = s.find(std::string(key) + ":");
-    return pos == std::string::npos ? -1 : atol(s.c_str() + pos + strlen(key) + 1);
-}
-
-// Clears the peak so that VmHWM restarts from the current resident size.
-bool resetPeak() {
-    int fd = open("/proc/self/clear_refs", O_WRONLY);
-    if (fd < 0) return false;
-    bool ok = write(fd, "5", 1) == 1;
-    close(fd);
-    return ok;
-}
-
 // The growth of the peak resident size over one scan of `size`, kB, from the
 // resident size before it (the front end's buffer included); -1 if unknown.
 long scanPeakKb(const char* size, int maxLen) {
     if (!g_scanner->select(size)) return -1;
     std::vector<SANE_Byte> buf((size_t)maxLen);
     memset(buf.data(), 0, buf.size());
-    if (!resetPeak()) return -1;
-    long before = statusKb("VmRSS");
+    if (!qt::resetResidentPeak()) return -1;
+    long before = qt::residentKb("VmRSS");
     if (g_scanner->scanPage(buf.data(), maxLen) < 0) return -1;
-    return statusKb("VmHWM") - before;
+    return qt::residentKb("VmHWM") - before;
 }
 
 }  // namespace
@@ -179,7 +163,7 @@ int main(int argc, char** argv) {
     for (auto& p : peaks) p.lKb = scanPeakKb(p.szSize, p.iMaxLen);
     // The whole process's peak during the last of those scans (front end,
     // simulator and backend together).
-    const long processPeakKb = statusKb("VmHWM");
+    const long processPeakKb = qt::residentKb("VmHWM");
     scanner.select("A4");
 
     RateReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular

@@ -94,11 +94,11 @@ inline Bytes deviceLine(const Window& w, int row, bool bgr = false) {
     return line;
 }
 
-// Line `row` of page p (from 1) of a feeder job: the page formula shifted
-// by 64 pixels a page, (X + 64 (p - 1), Y).
-inline Bytes feederLine(Window w, int row, int page) {
+// Page p (from 1) of a feeder or multi-page scan: the formula shifted by 64
+// columns a page, that is the window moved right by 64 (p - 1) pixels.
+inline Window pageWindow(Window w, int page) {
     w.iX += 64 * (page - 1);
-    return deviceLine(w, row);
+    return w;
 }
 
 // ---- scanimage output ----

@@ -415,7 +415,7 @@ protected:
         img.iWidth = this->p.pixels_per_line;
         img.iHeight = this->p.lines;
         img.szData = data;
-        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::feederLine(w, row, p); })) << "page " << p;
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(e2e::pageWindow(w, p), row); })) << "page " << p;
     }
 };
 
@@ -564,7 +564,7 @@ TEST(UserInterrupts, CtrlCInTheMiddleOfAFeederJobUnlocksAndLeavesNothing) {
     std::string why;
     ASSERT_TRUE(e2e::parsePnm(r.vPages[0], &img, &why)) << why;
     e2e::Window w = e2e::lastWindow(qt::readFile(sane.simLogPath()));
-    EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::feederLine(w, row, 1); }));
+    EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(e2e::pageWindow(w, 1), row); }));
     EXPECT_GE(r.vPages[1].size(), (size_t)4096);
     EXPECT_LT(r.vPages[1].size(), img.szData.size());
 

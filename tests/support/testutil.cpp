@@ -25,6 +25,20 @@ static std::string envOr(const char* name, const char* fallback) {
 std::string sourceDir() { return envOr("QUARTO_SOURCE_DIR", "."); }
 std::string binaryDir() { return envOr("QUARTO_BINARY_DIR", "./build"); }
 
+long residentKb(const char* key) {
+    std::string s = readFile("/proc/self/status");
+    size_t pos = s.find(std::string(key) + ":");
+    return pos == std::string::npos ? -1 : atol(s.c_str() + pos + strlen(key) + 1);
+}
+
+bool resetResidentPeak() {
+    int fd = open("/proc/self/clear_refs", O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = write(fd, "5", 1) == 1;
+    close(fd);
+    return ok;
+}
+
 TempDir::TempDir() {
     std::string tmpl = envOr("TMPDIR", "/tmp") + "/quarto-test-XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());

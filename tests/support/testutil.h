@@ -35,6 +35,13 @@ bool fileExists(const std::string& path);
 int runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out,
                std::string* err, int timeoutSeconds = 300);
 
+// Resident memory of this process in kB from /proc/self/status: key "VmHWM"
+// (the peak) or "VmRSS" (now); -1 when unknown.
+long residentKb(const char* key);
+// Restarts the peak (VmHWM) from the current resident size; false when the
+// kernel does not offer that.
+bool resetResidentPeak();
+
 // Captures what the calling process writes to standard error while alive.
 class StderrCapture {
 public:
