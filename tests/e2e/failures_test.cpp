@@ -415,7 +415,8 @@ protected:
         img.iWidth = this->p.pixels_per_line;
         img.iHeight = this->p.lines;
         img.szData = data;
-        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(e2e::pageWindow(w, p), row); })) << "page " << p;
+        const e2e::Window page = e2e::pageWindow(w, p);
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(page, row); })) << "page " << p;
     }
 };
 

@@ -73,7 +73,8 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPageThenTheFeederIsEmpty) {
         EXPECT_EQ(pixels, img.iWidth) << "page " << p;
         EXPECT_EQ(lines, img.iHeight) << "page " << p;
         EXPECT_EQ(e2e::bitsPerPixel(c.eMode), img.bitsPerPixel());
-        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(e2e::pageWindow(w, p), row); })) << "page " << p;
+        const e2e::Window page = e2e::pageWindow(w, p);
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(page, row); })) << "page " << p;
     }
     EXPECT_FALSE(qt::fileExists(dir.file("page-" + std::to_string(c.iSheets + 1) + ".pnm")));
     EXPECT_TRUE(listDir(tmp.path()).empty()) << "left in TMPDIR: " << listDir(tmp.path())[0];
