@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string errors;
     usbsim::parseScenario(std::string(reinterpret_cast<const char*>(data), textLen), scn, errors);
     if (scn.devices.empty() || !nul) return 0;
-    usbsim::SimDevice dev(scn.devices[0], 0, nullptr);
+    usbsim::SimDevice dev(scn.devices[0], 0, nullptr, nullptr);
     unsigned char buf[4096];
     size_t pos = textLen + 1;
     while (pos < size) {
