@@ -8,9 +8,14 @@
 #include <usb.h>
 
 #include <cstdint>
+#include <memory>
 #include <cstring>
 #include <deque>
 #include <vector>
+
+#include "ConfigReader.h"
+#include "ICommand.h"
+#include "IOComm.h"
 
 namespace {
 
@@ -104,6 +109,26 @@ inline void queueTransfers(const uint8_t* data, size_t size) {
         b.transfers.emplace_back(data + pos + 1, data + pos + 1 + len);
         pos += 1 + len;
     }
+}
+
+// The fake device's transport with a command object of the version over the
+// store; opened, or null when the open failed.
+struct FakeDevice {
+    std::unique_ptr<ICommand> cmd;
+    std::unique_ptr<IOComm> comm;
+};
+
+inline FakeDevice openFakeDevice(int version, ConfigReader& store) {
+    FakeDevice d;
+    d.cmd.reset(ICommand::createCmdInstance(version, 1, 0));
+    d.cmd->setConfigReader(&store);
+    d.comm.reset(new IOComm());
+    char name[] = "V/P/libusb:001:002";
+    d.comm->setDevice(name);
+    d.comm->setConfigReader(&store);
+    d.comm->setCommand(d.cmd.get());
+    if (d.comm->openDevice() != 0) d.comm.reset();
+    return d;
 }
 
 #endif

@@ -49,14 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     store.SetIntOption("SCAN_SOURCE", 1);
     store.SetIntOption("READ_STATUS_DISPLAY_FLAG", (data[0] & 4) ? 1 : 0);
     store.SetStringOption("DISPLAYBINARY", "/nonexistent/quarto-progress");
-    std::unique_ptr<ICommand> cmd(ICommand::createCmdInstance(VERSIONS[data[0] & 3], 1, 0));
-    cmd->setConfigReader(&store);
-    IOComm comm;
-    char name[] = "V/P/libusb:001:002";
-    comm.setDevice(name);
-    comm.setConfigReader(&store);
-    comm.setCommand(cmd.get());
-    if (comm.openDevice() != 0) return 0;
+    FakeDevice device = openFakeDevice(VERSIONS[data[0] & 3], store);
+    if (!device.comm) return 0;
+    IOComm& comm = *device.comm;
     comm.consumeScannerData();
     for (int session = 0; session < 1000; ++session) {
         if (session > 0 && comm.openDevice() != 19) break;

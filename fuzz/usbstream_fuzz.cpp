@@ -32,14 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     store.SetIntOption("COLORDEPTH", (data[0] & 8) ? 2 : 1);
     store.SetIntOption("PIXELS_PER_LINE", data[1] + 1);
     store.SetIntOption("LINES", data[2] + 3);
-    std::unique_ptr<ICommand> cmd(ICommand::createCmdInstance(version, 1, 0));
-    cmd->setConfigReader(&store);
-    IOComm comm;
-    char name[] = "V/P/libusb:001:002";
-    comm.setDevice(name);
-    comm.setConfigReader(&store);
-    comm.setCommand(cmd.get());
-    if (comm.openDevice() != 0) return 0;
+    FakeDevice device = openFakeDevice(version, store);
+    if (!device.comm) return 0;
+    IOComm& comm = *device.comm;
 
     DataBuffer out;
     ImageData image;

@@ -117,6 +117,43 @@ INSTANTIATE_TEST_SUITE_P(
                     "STATUS LOCK START scan release close"}),
     [](const ::testing::TestParamInfo<UserFailure>& info) { return std::string(info.param.szName); });
 
+// Starts scanimage with the environment and arguments given: standard output
+// to outFd (/dev/null when -1), standard error to errFile; closeFd (unless -1)
+// is closed in the child. The process id, or -1.
+pid_t startScanimage(const std::vector<std::string>& env, const std::vector<std::string>& args, int outFd,
+                     int closeFd, const std::string& errFile) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
+        int devnull = open("/dev/null", O_RDWR);
+        dup2(devnull, 0);
+        dup2(outFd >= 0 ? outFd : devnull, 1);
+        if (errFd >= 0) dup2(errFd, 2);
+        if (closeFd >= 0) close(closeFd);
+        for (const std::string& e : env) putenv(strdup(e.c_str()));
+        std::vector<char*> argv = {const_cast<char*>("scanimage")};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+// Waits for pid, killing it at the deadline; its exit status, or 128 + signal.
+int waitExit(pid_t pid, time_t deadline) {
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (time(nullptr) > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(10000);
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // Runs scanimage with its standard output on a pipe and returns what it wrote.
 // After `firstBytes` bytes it sends SIGINT (Ctrl-C) and reads on to the end:
 // while the pipe is not read the scan cannot move on, so the signal arrives
@@ -133,20 +170,7 @@ Interrupted scanimageInterrupted(const qt::SaneEnv& sane, const std::vector<std:
     int out[2];
     if (pipe(out) != 0) return r;
     std::string errFile = sane.file("scanimage.err");
-    std::vector<std::string> env = sane.env();
-    pid_t pid = fork();
-    if (pid == 0) {
-        int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-        dup2(out[1], 1);
-        if (errFd >= 0) dup2(errFd, 2);
-        close(out[0]);
-        for (const std::string& e : env) putenv(strdup(e.c_str()));
-        std::vector<char*> argv = {const_cast<char*>("scanimage")};
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
+    pid_t pid = startScanimage(sane.env(), args, out[1], out[0], errFile);
     close(out[1]);
     if (pid < 0) {
         close(out[0]);
@@ -167,16 +191,7 @@ Interrupted scanimageInterrupted(const qt::SaneEnv& sane, const std::vector<std:
         r.lBytes += (size_t)n;
     }
     close(out[0]);
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (time(nullptr) > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            break;
-        }
-        usleep(10000);
-    }
-    r.iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.iStatus = waitExit(pid, deadline);
     r.szErr = qt::readFile(errFile);
     return r;
 }
@@ -378,15 +393,6 @@ const int OPT_RESOLUTION = 9;
 const int OPT_SOURCE = 16;
 const int FEEDER_LINES = 750;
 
-std::vector<std::string> listDir(const std::string& path) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(path.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 struct JobFault {
     const char* szName;
@@ -460,7 +466,7 @@ TEST_P(FeederJobFault, TheNextBatchOnTheHandleWorksAndNothingIsLeft) {
     api.cancel(h);
     api.close(h);
     h = nullptr;
-    EXPECT_TRUE(listDir(tmp.path()).empty());
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
 }
 
 // Pages ended before the fault stay cached; an unknown status or a message
@@ -493,21 +499,7 @@ BatchInterrupted batchInterrupted(const qt::SaneEnv& sane, const std::vector<std
         if (mkfifo((std::string(path) + ".part").c_str(), 0600) != 0) return r;
     }
     std::string errFile = sane.file("scanimage.err");
-    std::vector<std::string> env = sane.env(extraEnv);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-        int devnull = open("/dev/null", O_RDWR);
-        dup2(devnull, 0);
-        dup2(devnull, 1);
-        if (errFd >= 0) dup2(errFd, 2);
-        for (const std::string& e : env) putenv(strdup(e.c_str()));
-        std::vector<char*> argv = {const_cast<char*>("scanimage")};
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
+    pid_t pid = startScanimage(sane.env(extraEnv), args, -1, -1, errFile);
     if (pid < 0) return r;
     const time_t deadline = time(nullptr) + timeoutSeconds;
     char buf[65536];
@@ -533,16 +525,7 @@ BatchInterrupted batchInterrupted(const qt::SaneEnv& sane, const std::vector<std
         close(fd);
         r.vPages.push_back(data);
     }
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (time(nullptr) > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            break;
-        }
-        usleep(10000);
-    }
-    r.iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.iStatus = waitExit(pid, deadline);
     r.szErr = qt::readFile(errFile);
     return r;
 }
@@ -574,7 +557,7 @@ TEST(UserInterrupts, CtrlCInTheMiddleOfAFeederJobUnlocksAndLeavesNothing) {
     std::string log = qt::readFile(sane.simLogPath());
     EXPECT_EQ("STATUS LOCK START scan end status=1 UNLOCK CANCEL cancel UNLOCK release close", joined(scanEvents(log)))
         << log;
-    EXPECT_TRUE(listDir(tmp.path()).empty());
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
 
     // A new run empties the (again loaded) feeder.
     qt::TempDir again;
@@ -582,8 +565,8 @@ TEST(UserInterrupts, CtrlCInTheMiddleOfAFeederJobUnlocksAndLeavesNothing) {
     args.push_back("--batch=" + again.file("page-%d.pnm"));
     std::string out, err;
     EXPECT_EQ(0, sane.scanimage(args, &out, &err, {"TMPDIR=" + tmp.path()}, 60)) << err;
-    EXPECT_EQ(4u, listDir(again.path()).size());
-    EXPECT_TRUE(listDir(tmp.path()).empty());
+    EXPECT_EQ(4u, qt::listDir(again.path()).size());
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
 }
 
 }  // namespace

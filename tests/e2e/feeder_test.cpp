@@ -17,15 +17,6 @@ const char* const DEVICE = "quarto:libusb/001/004";
 // The smallest size that the 5100 keeps when the source turns to the feeder.
 const e2e::PageSize PHOTO_3X5 = {"3x5 Photo", 76.2, 127, 76.2};
 
-std::vector<std::string> listDir(const std::string& path) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(path.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 struct BatchCase {
     e2e::Mode eMode;
@@ -77,7 +68,7 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPageThenTheFeederIsEmpty) {
         EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(page, row); })) << "page " << p;
     }
     EXPECT_FALSE(qt::fileExists(dir.file("page-" + std::to_string(c.iSheets + 1) + ".pnm")));
-    EXPECT_TRUE(listDir(tmp.path()).empty()) << "left in TMPDIR: " << listDir(tmp.path())[0];
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty()) << "left in TMPDIR: " << qt::listDir(tmp.path())[0];
 
     // One job for all the sheets; the scanner ends unlocked and released.
     const std::string log = qt::readFile(sane.simLogPath());

@@ -29,6 +29,8 @@ private:
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
+// The names in a directory, sorted, without "." and ".."; empty when it cannot be read.
+std::vector<std::string> listDir(const std::string& path);
 
 // Runs argv (no shell) with extra environment entries "K=V"; returns the exit
 // status (or 128 + signal), stdout and stderr captured into the strings given.

@@ -14,20 +14,11 @@ namespace {
 
 using st::sane;
 
-std::vector<std::string> listDir(const std::string& path) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(path.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 // The job directories of the backend under dir.
 std::vector<std::string> jobDirs(const std::string& dir) {
     std::vector<std::string> jobs;
-    for (const std::string& n : listDir(dir))
+    for (const std::string& n : qt::listDir(dir))
         if (n.rfind("quarto-job-", 0) == 0) jobs.push_back(n);
     return jobs;
 }
@@ -74,7 +65,7 @@ TEST(FeederSession, FiveHundredPagesOneJobNoGrowthNothingLeft) {
     EXPECT_EQ(fdsAfterFirst, st::openFdCount());
     const std::vector<std::string> jobs = jobDirs(tmp.path());
     ASSERT_EQ(1u, jobs.size());
-    EXPECT_TRUE(listDir(tmp.file(jobs[0])).empty()) << "every page was taken";
+    EXPECT_TRUE(qt::listDir(tmp.file(jobs[0])).empty()) << "every page was taken";
     EXPECT_EQ(SANE_STATUS_NO_DOCS, sane().start(h));
     sane().cancel(h);
     sane().close(h);

@@ -73,16 +73,6 @@ const char* const FRAG_AB = "1b53020004000000 0000 4142";
 const char* const FRAG_CDE = "1b53020005000000 0000 434445";
 const char* const FRAG_XY = "1b53020004000000 0000 5859";
 
-std::vector<std::string> listDir(const std::string& path) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(path.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (e->d_name[0] != '.' || (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0))
-                names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 class MultiPage : public ::testing::Test {
 protected:
@@ -157,7 +147,7 @@ TEST_P(RecordTable, EndsTheJobAndKeepsTheEndedPages) {
     EXPECT_EQ(c.iResult, comm->consumeScannerData());
     EXPECT_EQ(c.iLeft > 0 ? 1 : 0, usbsim_queued(0));
     EXPECT_EQ(c.vPages, pages());
-    EXPECT_TRUE(listDir(comm->getJobDirectory()).empty());
+    EXPECT_TRUE(qt::listDir(comm->getJobDirectory()).empty());
 }
 
 const std::vector<std::string> ONE = {"ABCDE"};
@@ -219,7 +209,7 @@ TEST_F(MultiPage, TheJobDirectoryBelongsToTheTransportThatMadeIt) {
     struct stat st;
     ASSERT_EQ(0, stat(jobDir.c_str(), &st));
     EXPECT_EQ(0700u, st.st_mode & 0777u);
-    EXPECT_EQ(2u, listDir(jobDir).size());
+    EXPECT_EQ(2u, qt::listDir(jobDir).size());
 
     {
         IOComm bystander;
@@ -230,7 +220,7 @@ TEST_F(MultiPage, TheJobDirectoryBelongsToTheTransportThatMadeIt) {
     EXPECT_EQ(19, comm->openDevice());
 
     comm.reset();
-    EXPECT_TRUE(listDir(tmp.path()).empty());
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
     EXPECT_EQ(0, ScanRecordDataMgr::getInstance()->getTotalPages());
 }
 
@@ -251,7 +241,7 @@ TEST_F(MultiPage, CommandsAreSentWhilePagesAreCached) {
 
 // The data file of the display as it is when a read is about to happen.
 std::string displayFile(const std::string& jobDir) {
-    for (const std::string& n : listDir(jobDir))
+    for (const std::string& n : qt::listDir(jobDir))
         if (n.rfind(".tmp.display.", 0) == 0) return jobDir + "/" + n;
     return std::string();
 }

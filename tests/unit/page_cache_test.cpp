@@ -23,19 +23,8 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// Names in a directory, sorted, "." and ".." left out.
-std::vector<std::string> listDir(const std::string& path) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(path.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-        closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
-int openFds() { return (int)listDir("/proc/self/fd").size(); }
+int openFds() { return (int)qt::listDir("/proc/self/fd").size(); }
 
 Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
@@ -77,12 +66,12 @@ TEST_F(PageCache, PagesComeBackOldestFirstAndEachFileGoesWithItsTake) {
     ASSERT_TRUE(put("third"));
     ASSERT_TRUE(cache->endPage());
     EXPECT_FALSE(cache->endPage()) << "no page is open";
-    EXPECT_EQ((std::vector<std::string>{p1, p2, p3}), listDir(dir.path()));
+    EXPECT_EQ((std::vector<std::string>{p1, p2, p3}), qt::listDir(dir.path()));
     EXPECT_EQ("first page", qt::readFile(dir.file(p1)));
 
     EXPECT_EQ("first page", take());
     EXPECT_EQ(2, cache->getTotalPages());
-    EXPECT_EQ((std::vector<std::string>{p2, p3}), listDir(dir.path()));
+    EXPECT_EQ((std::vector<std::string>{p2, p3}), qt::listDir(dir.path()));
     // The number goes down with the take, so the next page would be the third
     // one's file again: the queued file is refused, never overwritten.
     EXPECT_EQ(p3, pageName(0));
@@ -93,7 +82,7 @@ TEST_F(PageCache, PagesComeBackOldestFirstAndEachFileGoesWithItsTake) {
     EXPECT_EQ("third", take());
     EXPECT_EQ("<failed>", take()) << "nothing is queued";
     EXPECT_EQ(0, cache->getTotalPages());
-    EXPECT_TRUE(listDir(dir.path()).empty());
+    EXPECT_TRUE(qt::listDir(dir.path()).empty());
 }
 
 // A link or a file that somebody put where the next page goes is refused and
@@ -114,7 +103,7 @@ TEST_F(PageCache, PlantedLinksAndFilesAreNeverWrittenOrRead) {
 
     ASSERT_TRUE(put("page"));
     ASSERT_TRUE(cache->endPage());
-    const std::string queued = listDir(dir.path()).back();
+    const std::string queued = qt::listDir(dir.path()).back();
     ASSERT_EQ(0, unlink(dir.file(queued).c_str()));
     ASSERT_EQ(0, symlink(victim.c_str(), dir.file(queued).c_str()));
     EXPECT_EQ("<failed>", take());
@@ -139,7 +128,7 @@ TEST_F(PageCache, NoDescriptorOutlivesAPageAndClearingLeavesNothing) {
     EXPECT_EQ(before + 1, openFds());
     cache->clearPages();
     EXPECT_EQ(0, cache->getTotalPages());
-    EXPECT_TRUE(listDir(dir.path()).empty());
+    EXPECT_TRUE(qt::listDir(dir.path()).empty());
     EXPECT_EQ(before, openFds());
 
     // Discarding the page being written keeps the ended ones.
@@ -196,7 +185,7 @@ TEST_F(ProgressDisplay, NothingStartsWithoutADisplayOrAProgram) {
     EXPECT_FALSE(display->isRunning());
     usleep(100000);
     EXPECT_FALSE(qt::fileExists(dir.file("args")));
-    EXPECT_TRUE(listDir(jobDir.path()).empty());
+    EXPECT_TRUE(qt::listDir(jobDir.path()).empty());
     EXPECT_FALSE(display->stop());
 }
 
@@ -210,7 +199,7 @@ TEST_F(ProgressDisplay, TheProgramFollowsOneDataFileThatStopEnds) {
     ASSERT_EQ(0, display->start());
     ASSERT_TRUE(display->isRunning());
     EXPECT_EQ(0, display->start()) << "a second start changes nothing";
-    std::vector<std::string> files = listDir(jobDir.path());
+    std::vector<std::string> files = qt::listDir(jobDir.path());
     ASSERT_EQ(1u, files.size());
     EXPECT_EQ(0u, files[0].rfind(".tmp.display.", 0));
     const std::string data = jobDir.file(files[0]);
