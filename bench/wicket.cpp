@@ -369,7 +369,7 @@ struct ProgramRun {
 
 // Runs argv (found on PATH) with its output streams on /dev/null; false unless
 // it exits with 0.
-bool runProgram(const std::vector<std::string>& argv, ProgramRun* r) {
+bool runTimed(const std::vector<std::string>& argv, ProgramRun* r) {
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
@@ -462,7 +462,7 @@ private:
             std::vector<std::string> argv;
             for (size_t p = 0; p < line.size(); p = line.find('\0', p) + 1) argv.push_back(line.c_str() + p);
             ProgramRun r;
-            char ok = runProgram(argv, &r) ? 1 : 0;
+            char ok = runTimed(argv, &r) ? 1 : 0;
             if (!writeAll(out, &r, sizeof r) || !writeAll(out, &ok, 1)) break;
         }
     }
