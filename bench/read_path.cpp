@@ -18,69 +18,16 @@
 #include <string>
 #include <vector>
 
-#include "../tests/e2e/backend_api.h"
-#include "sanerun.h"
-#include "testutil.h"
-#include "usbsim.h"
+#include "bench_scanner.h"
 
 namespace {
 
-const char* const DEVICE = "libusb/001/004";
-const int OPT_RESOLUTION = 9;
-const int OPT_ORIGINAL_SIZE = 12;
 const int SCAN_DPI = 600;
 const int SMALL_READ = 32 * 1024;  // what scanimage asks for
 const int LARGE_READ = 1024 * 1024;
 const long MEMORY_LIMIT_KB = 32 * 1024;
 
-// The demo's Quarto 5100, opened once and set to 600 dpi colour on `size`.
-// The backend binds to the simulated libusb linked into this program.
-class Scanner {
-public:
-    bool open(const char* size) {
-        if (!b.load()) return false;
-        qt::writeFile(dir.file("quarto.conf"),
-                      qt::SaneEnv::expand("usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
-                                          "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\n"));
-        setenv("SANE_CONFIG_DIR", dir.path().c_str(), 1);
-        if (usbsim_load_file((qt::sourceDir() + "/sim/scenarios/demo.scn").c_str()) != 0) return false;
-        if (b.open(DEVICE, &h) != SANE_STATUS_GOOD) return false;
-        return select(size);
-    }
-    bool select(const char* size) {
-        SANE_Int dpi = SCAN_DPI;
-        std::vector<char> name(size, size + strlen(size) + 1);
-        SANE_Parameters p;
-        if (b.control_option(h, OPT_RESOLUTION, SANE_ACTION_SET_VALUE, &dpi, nullptr) != SANE_STATUS_GOOD ||
-            b.control_option(h, OPT_ORIGINAL_SIZE, SANE_ACTION_SET_VALUE, name.data(), nullptr) != SANE_STATUS_GOOD ||
-            b.get_parameters(h, &p) != SANE_STATUS_GOOD || p.format != SANE_FRAME_RGB)
-            return false;
-        lPageBytes = (long)p.bytes_per_line * p.lines;
-        return true;
-    }
-    ~Scanner() {
-        if (h != nullptr) b.close(h);
-    }
-
-    // One whole page in pieces of at most maxLen bytes; returns the bytes read,
-    // or -1 when the page did not end with the end of the image.
-    long scanPage(SANE_Byte* buf, int maxLen) {
-        if (b.start(h) != SANE_STATUS_GOOD) return -1;
-        long total = 0;
-        SANE_Status s;
-        SANE_Int len = 0;
-        while ((s = b.read(h, buf, maxLen, &len)) == SANE_STATUS_GOOD) total += len;
-        b.cancel(h);
-        return s == SANE_STATUS_EOF ? total : -1;
-    }
-
-    long lPageBytes = 0;
-
-private:
-    qt::TempDir dir;
-    e2e::BackendApi b;
-    SANE_Handle h = nullptr;
-};
+using bench::Scanner;
 
 Scanner* g_scanner = nullptr;
 
@@ -148,7 +95,8 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     Scanner scanner;
     g_scanner = &scanner;
-    if (!scanner.open("A4")) {
+    // The demo's Quarto 5100.
+    if (!scanner.open("sim/scenarios/demo.scn", SCAN_DPI, "A4")) {
         fprintf(stderr, "read_path: the backend or the simulated scanner could not be set up\n");
         return 1;
     }

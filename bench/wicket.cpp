@@ -38,6 +38,7 @@
 #include "WicketEncoder.h"
 #include "WicketKernels.h"
 #include "WicketReference.h"
+#include "bench_report.h"
 #include "testutil.h"
 #include "util.h"
 
@@ -368,7 +369,7 @@ struct ProgramRun {
 
 // Runs argv (found on PATH) with its output streams on /dev/null; false unless
 // it exits with 0.
-bool runProgram(const std::vector<std::string>& argv, ProgramRun* r) {
+bool runTimed(const std::vector<std::string>& argv, ProgramRun* r) {
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
@@ -461,7 +462,7 @@ private:
             std::vector<std::string> argv;
             for (size_t p = 0; p < line.size(); p = line.find('\0', p) + 1) argv.push_back(line.c_str() + p);
             ProgramRun r;
-            char ok = runProgram(argv, &r) ? 1 : 0;
+            char ok = runTimed(argv, &r) ? 1 : 0;
             if (!writeAll(out, &r, sizeof r) || !writeAll(out, &ok, 1)) break;
         }
     }
@@ -518,25 +519,7 @@ bool prepareTools(const qt::TempDir& dir) {
     return qt::readFile(dir.file("djpeg.ppm")).size() == ppm.size();
 }
 
-// Keeps the fastest repetition of every benchmark for the ratios, by CPU time
-// of the decoding thread (what the decoders cost, even on a machine shared with
-// other work) and by wall time.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    struct Best {
-        double cpu = 1e300, real = 1e300;
-    };
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
-            Best& b = best[r.run_name.function_name];
-            b.cpu = std::min(b.cpu, r.GetAdjustedCPUTime());  // per iteration, ms
-            b.real = std::min(b.real, r.GetAdjustedRealTime());
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, Best> best;
-};
+using bench::RatioReporter;
 
 }  // namespace
 

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -123,6 +124,16 @@ bool interfaceQualifies(const struct usb_device* dev, int i) {
 }
 
 unsigned roundUp8(unsigned v) { return (v + 7u) & ~7u; }
+
+// Asks the kernel to back the 2 MB-aligned part of a large fresh buffer with
+// huge pages where it allows that (a no-op where it does not): a decoded page
+// of some hundred megabytes then costs one fault per 2 MB, not one per 4 kB.
+void adviseHugePages(void* p, size_t len) {
+    const uintptr_t huge = uintptr_t(2) << 20;
+    const uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
+    const uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
+    if (end > start) madvise((void*)start, end - start, MADV_HUGEPAGE);
+}
 
 }  // namespace
 
@@ -423,6 +434,17 @@ int IOComm::openDevice() {
                 matched = true;
             }
         }
+        if (!matched) {
+            // Without a qualifying interface there is nothing of ours to claim;
+            // the number of an earlier device would name someone else's.
+            LOG_DEBUG(" -> no scanner interface on usb %s/%s", cBus, cDev);
+            closeHandle();
+            LOG_METHOD_END_INT(COMM_STATUS_NOT_PRESENT);
+            return COMM_STATUS_NOT_PRESENT;
+        }
+        // Endpoints of an earlier device must not survive into this one.
+        iEndPointIn = -1;
+        iEndPointOut = -1;
         if (iIfaceNum < interfaces && usbDev->config[0].interface != nullptr) {
             const struct usb_interface& itf = usbDev->config[0].interface[iIfaceNum];
             if (itf.num_altsetting >= 1 && itf.altsetting != nullptr && itf.altsetting[0].endpoint != nullptr) {
@@ -1128,6 +1150,7 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
         LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
         return COMM_STATUS_INVALID_ARG;
     }
+    adviseHugePages(pDecompData.get(), (size_t)imageBytes);
     pDecompDataPtr = pDecompData.get();
     iDecompSize = rowBytes * lines;
 
@@ -1160,25 +1183,50 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
             LOG_METHOD_END_INT(1);
             return 1;
         }
-        band.assign((size_t)(paddedWidth * paddedLines * bpp), 0);
-        int produced = 0;
-        int consumed = 0;
+        const long bandStride = paddedWidth * bpp;
+        const long bandArea = bandStride * paddedLines;
         const unsigned char* coded = data + pos + BAND_HEADER_LEN;
-        long bandLen = (long)band.size();
-        int err = colour ? wicket.DecompressThreePlanes(coded, codedLen, band.data(), bandLen, (int)paddedWidth,
-                                                        (int)paddedLines, &produced, &consumed)
-                         : wicket.DecompressOnePlane(coded, codedLen, band.data(), bandLen, (int)paddedWidth,
-                                                     (int)paddedLines, &produced, &consumed);
+        auto decodeInto = [&](unsigned char* out, long outLen) {
+            int produced = 0;
+            int consumed = 0;
+            return colour ? wicket.DecompressThreePlanes(coded, codedLen, out, outLen, (int)paddedWidth,
+                                                         (int)paddedLines, &produced, &consumed)
+                          : wicket.DecompressOnePlane(coded, codedLen, out, outLen, (int)paddedWidth,
+                                                      (int)paddedLines, &produced, &consumed);
+        };
+        unsigned char* image = pDecompData.get();
+        // A band of the image's width whose padded block rows fit into the
+        // image from its first line on is decoded in place and its rows closed
+        // up over the padding, which saves a pass over the whole image.
+        const bool inPlace = bandWidth == (unsigned int)pixels && outLine + (long)bandLines <= roundedLines &&
+                             outLine * rowBytes + bandArea <= imageBytes;
+        int err = 0;
+        if (inPlace) {
+            unsigned char* base = image + outLine * rowBytes;
+            err = decodeInto(base, imageBytes - outLine * rowBytes);
+            if (err == 0) {
+                if (bandStride != rowBytes)
+                    for (long l = 1; l < (long)bandLines; ++l)
+                        memmove(base + l * rowBytes, base + l * bandStride, (size_t)rowBytes);
+                // What the padding left behind the band's lines is blank
+                // again, as where no band reaches.
+                memset(base + (long)bandLines * rowBytes, 0, (size_t)(bandArea - (long)bandLines * rowBytes));
+                outLine += bandLines;
+            }
+        } else {
+            band.assign((size_t)bandArea, 0);
+            err = decodeInto(band.data(), (long)band.size());
+        }
         if (err != 0) {
             LOG_DEBUG("Wicket Error : %d", err);
             LOG_METHOD_END_INT(1);
             return 1;
         }
-        // Each band line goes to the next line of the image; a band narrower
-        // than the image leaves the rest of the line blank.
-        long copyBytes = rowBytes < paddedWidth * bpp ? rowBytes : paddedWidth * bpp;
-        for (unsigned int l = 0; l < bandLines && outLine < roundedLines; ++l, ++outLine)
-            memcpy(pDecompData.get() + outLine * rowBytes, band.data() + (long)l * paddedWidth * bpp, (size_t)copyBytes);
+        // Otherwise each band line goes to the next line of the image; a band
+        // narrower than the image leaves the rest of the line blank.
+        long copyBytes = rowBytes < bandStride ? rowBytes : bandStride;
+        for (unsigned int l = 0; !inPlace && l < bandLines && outLine < roundedLines; ++l, ++outLine)
+            memcpy(image + outLine * rowBytes, band.data() + (long)l * bandStride, (size_t)copyBytes);
         pos += bandBytes;
     }
     LOG_DEBUG("----INFO from WICKET START----");

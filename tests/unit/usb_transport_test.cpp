@@ -331,6 +331,35 @@ TEST_F(UsbTest, OpenClaimsTheFirstQualifyingInterfaceAndCloseResetsOnlyWhenAsked
     EXPECT_TRUE(hasEvent("reset dev=0 rc=0")) << events();
 }
 
+// A device none of whose interfaces qualifies is not present for this
+// transport: nothing is claimed, neither interface 0 nor the number of the
+// device opened before it.
+TEST_F(UsbTest, DeviceWithoutAQualifyingInterfaceIsNotPresentAndNothingIsClaimed) {
+    make("bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500 class=0\n"
+         "interface class=7 ep=0x81,0x02\ninterface class=255 ep=0x83,0x04\n"
+         "device 001 005 vid=0x2f4a pid=0x0500 class=0\ninterface class=7 ep=0x81,0x02\n"
+         "interface class=8 ep=0x83,0x04\n");
+    ASSERT_EQ(0, comm->openDevice());
+    ASSERT_TRUE(hasEvent("claim dev=0 iface=1 rc=0")) << events();
+    ASSERT_EQ(0, comm->closeDevice());
+    char second[] = "Tarvesk/Quarto 5100/libusb:001:005";
+    comm->setDevice(second);
+    EXPECT_EQ(7, comm->openDevice());
+    EXPECT_FALSE(hasEvent("claim dev=1")) << events();
+
+    for (char* name : {second, kName}) {
+        IOComm fresh;
+        fresh.setConfigReader(&store);
+        fresh.setDevice(name);
+        EXPECT_EQ(name == second ? 7 : 0, fresh.openDevice()) << name;
+        unsigned char b[2] = {1, 2};
+        EXPECT_EQ(name == second ? 4 : 0, fresh.Write(b, 2)) << "a refused device stays closed";
+    }
+    EXPECT_FALSE(hasEvent("claim dev=1")) << events();
+    EXPECT_EQ(countEvents("open dev=1"), countEvents("close dev=1")) << "each handle opened to look is closed again: "
+                                                                     << events();
+}
+
 TEST_F(UsbTest, WriteBlocksEverySignalAndRestoresTheMask) {
     make(oneDevice(500));
     sigset_t before;
@@ -830,7 +859,26 @@ BandCase colourCase() {
     return BandCase{"colour_one_band", 2, 10, 3, {w.band(3, 10, 50)}, image};
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands, ::testing::Values(greyCase(), colourCase()),
+// Grey, 20 x 12 from one band of 8 lines: of the image's width (decoded in
+// place) or 16 pixels wide (the rest of each line blank); the lines no band
+// reaches stay blank either way.
+BandCase shortCase(const char* label, unsigned bandWidth) {
+    BandWriter w;
+    lumBlock(w, 5, 3);
+    lumBlock(w, -8, 4);
+    if (bandWidth > 16) lumBlock(w, 3, 2);
+    Bytes image;
+    for (int y = 0; y < 12; ++y)
+        for (int x = 0; x < 20; ++x) {
+            static const int top[3] = {138, 122, 128};
+            image.push_back((unsigned char)(y >= 8 || x >= (int)bandWidth ? 0 : top[x / 8]));
+        }
+    return BandCase{label, 1, 20, 12, {w.band(8, bandWidth, 50)}, image};
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands,
+                         ::testing::Values(greyCase(), colourCase(), shortCase("full_width_then_nothing", 20),
+                                           shortCase("narrow_band_then_nothing", 16)),
                          [](const ::testing::TestParamInfo<BandCase>& i) { return std::string(i.param.label); });
 
 TEST_F(UsbTest, CorruptBandIsADecodingError) {
