@@ -5,7 +5,8 @@
 // length byte followed by that many bytes. After each write a few transfers
 // are read back.
 //
-// The fuzz build does not build sim/, so its two sources are compiled in here.
+// The fuzz build does not build sim/, so its two sources are compiled in here;
+// the Wicket encoder they use is linked.
 #include "../sim/Scenario.cpp"
 #include "../sim/SimDevice.cpp"
 

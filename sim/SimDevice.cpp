@@ -398,10 +398,15 @@ bool ScanStream::next(std::vector<unsigned char>& out) {
         case PHASE_PAGE_START: {
             uint64_t page = uint64_t(iPage) + 1;
             if (plan.pFeeder) {
-                --plan.pFeeder->iLeft;
-                page = uint64_t(++plan.pFeeder->iTaken);
-                if (fnEvent)
-                    fnEvent(textf("feeder dev=%d sheet=%d left=%d", iDevice, plan.pFeeder->iTaken, plan.pFeeder->iLeft));
+                // The feeder may have been emptied at run time since START:
+                // the page is then scanned without a sheet to take.
+                Feeder& f = *plan.pFeeder;
+                if (f.iLeft > 0) {
+                    --f.iLeft;
+                    ++f.iTaken;
+                    if (fnEvent) fnEvent(textf("feeder dev=%d sheet=%d left=%d", iDevice, f.iTaken, f.iLeft));
+                }
+                page = uint64_t(std::max(f.iTaken, 1));
             }
             ++iPage;
             ullXShift = PAGE_SHIFT * (page - 1);

@@ -68,7 +68,8 @@ int usbsim_last_window(int dev, struct usbsim_window* w);
 
 /* Switches a fault at run time (names and values in sim/README.md: busy,
  * setconfig_eperm, open_fail, unplug, read_timeout, short_reply, wrong_code,
- * abort, device_abort, jam, write_fail). Counters restart at the value given.
+ * abort, device_abort, jam, write_fail, oom, comm_error, bad_status,
+ * not_record, stall, unplug_lines). Counters restart at the value given.
  * Returns 0, or -1 for an unknown device, name or value. */
 int usbsim_set_fault(int dev, const char* name, int value);
 /* Current value of a fault (counters count down), or -2 when unknown. */
