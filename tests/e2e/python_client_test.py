@@ -35,7 +35,7 @@ class PythonClient(unittest.TestCase):
             for name in ("mode", "scan-resolution", "original-size", "source"):
                 self.assertIn(name, opts)
             self.assertEqual(opts["mode"][8], list(qp.MODE_NAMES.values()))
-            self.assertEqual(opts["scan-resolution"][8], [150, 300, 600])
+            self.assertEqual(opts["scan-resolution"][8], [75, 150, 300, 600, 1200])
             self.assertEqual((dev.mode, dev.scan_resolution), ("24-bit Color", 300))
             for mode, dpi in (("8-bit Grayscale", 150), ("1-bit Black & White", 600)):
                 dev.mode, dev.scan_resolution = mode, dpi
