@@ -18,69 +18,16 @@
 #include <string>
 #include <vector>
 
-#include "../tests/e2e/backend_api.h"
-#include "sanerun.h"
-#include "testutil.h"
-#include "usbsim.h"
+#include "bench_scanner.h"
 
 namespace {
 
-const char* const DEVICE = "libusb/001/004";
-const int OPT_RESOLUTION = 9;
-const int OPT_ORIGINAL_SIZE = 12;
 const int SCAN_DPI = 600;
 const int SMALL_READ = 32 * 1024;  // what scanimage asks for
 const int LARGE_READ = 1024 * 1024;
 const long MEMORY_LIMIT_KB = 32 * 1024;
 
-// The demo's Quarto 5100, opened once and set to 600 dpi colour on `size`.
-// The backend binds to the simulated libusb linked into this program.
-class Scanner {
-public:
-    bool open(const char* size) {
-        if (!b.load()) return false;
-        qt::writeFile(dir.file("quarto.conf"),
-                      qt::SaneEnv::expand("usb 0x2f4a 0x0500 @MODELDIR@/quarto5100.conf Quarto_5100\n"
-                                          "DISCOVER_USB_FLAG=1\nDISCOVER_NET_FLAG=0\n"));
-        setenv("SANE_CONFIG_DIR", dir.path().c_str(), 1);
-        if (usbsim_load_file((qt::sourceDir() + "/sim/scenarios/demo.scn").c_str()) != 0) return false;
-        if (b.open(DEVICE, &h) != SANE_STATUS_GOOD) return false;
-        return select(size);
-    }
-    bool select(const char* size) {
-        SANE_Int dpi = SCAN_DPI;
-        std::vector<char> name(size, size + strlen(size) + 1);
-        SANE_Parameters p;
-        if (b.control_option(h, OPT_RESOLUTION, SANE_ACTION_SET_VALUE, &dpi, nullptr) != SANE_STATUS_GOOD ||
-            b.control_option(h, OPT_ORIGINAL_SIZE, SANE_ACTION_SET_VALUE, name.data(), nullptr) != SANE_STATUS_GOOD ||
-            b.get_parameters(h, &p) != SANE_STATUS_GOOD || p.format != SANE_FRAME_RGB)
-            return false;
-        lPageBytes = (long)p.bytes_per_line * p.lines;
-        return true;
-    }
-    ~Scanner() {
-        if (h != nullptr) b.close(h);
-    }
-
-    // One whole page in pieces of at most maxLen bytes; returns the bytes read,
-    // or -1 when the page did not end with the end of the image.
-    long scanPage(SANE_Byte* buf, int maxLen) {
-        if (b.start(h) != SANE_STATUS_GOOD) return -1;
-        long total = 0;
-        SANE_Status s;
-        SANE_Int len = 0;
-        while ((s = b.read(h, buf, maxLen, &len)) == SANE_STATUS_GOOD) total += len;
-        b.cancel(h);
-        return s == SANE_STATUS_EOF ? total : -1;
-    }
-
-    long lPageBytes = 0;
-
-private:
-    qt::TempDir dir;
-    e2e::BackendApi b;
-    SANE_Handle h = nullptr;
-};
+using bench::Scanner;
 
 Scanner* g_scanner = nullptr;
 
@@ -130,32 +77,16 @@ public:
     std::map<std::string, double> rates;
 };
 
-// Resident memory, kB, from /proc/self/status ("VmHWM" peak, "VmRSS" current).
-long statusKb(const char* key) {
-    std::string s = qt::readFile("/proc/self/status");
-    size_t pos = s.find(std::string(key) + ":");
-    return pos == std::string::npos ? -1 : atol(s.c_str() + pos + strlen(key) + 1);
-}
-
-// Clears the peak so that VmHWM restarts from the current resident size.
-bool resetPeak() {
-    int fd = open("/proc/self/clear_refs", O_WRONLY);
-    if (fd < 0) return false;
-    bool ok = write(fd, "5", 1) == 1;
-    close(fd);
-    return ok;
-}
-
 // The growth of the peak resident size over one scan of `size`, kB, from the
 // resident size before it (the front end's buffer included); -1 if unknown.
 long scanPeakKb(const char* size, int maxLen) {
     if (!g_scanner->select(size)) return -1;
     std::vector<SANE_Byte> buf((size_t)maxLen);
     memset(buf.data(), 0, buf.size());
-    if (!resetPeak()) return -1;
-    long before = statusKb("VmRSS");
+    if (!qt::resetResidentPeak()) return -1;
+    long before = qt::residentKb("VmRSS");
     if (g_scanner->scanPage(buf.data(), maxLen) < 0) return -1;
-    return statusKb("VmHWM") - before;
+    return qt::residentKb("VmHWM") - before;
 }
 
 }  // namespace
@@ -164,7 +95,8 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     Scanner scanner;
     g_scanner = &scanner;
-    if (!scanner.open("A4")) {
+    // The demo's Quarto 5100.
+    if (!scanner.open("sim/scenarios/demo.scn", SCAN_DPI, "A4")) {
         fprintf(stderr, "read_path: the backend or the simulated scanner could not be set up\n");
         return 1;
     }
@@ -179,7 +111,7 @@ int main(int argc, char** argv) {
     for (auto& p : peaks) p.lKb = scanPeakKb(p.szSize, p.iMaxLen);
     // The whole process's peak during the last of those scans (front end,
     // simulator and backend together).
-    const long processPeakKb = statusKb("VmHWM");
+    const long processPeakKb = qt::residentKb("VmHWM");
     scanner.select("A4");
 
     RateReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular

@@ -4,6 +4,11 @@
 // 4:4:4, one restart interval per 32-line band). Prints quarto_time /
 // libjpeg_time for each mode and the absolute throughput.
 //
+// Then the whole-process time of "quarto-wicket decode" writing the colour page
+// as a PPM file, against "djpeg -dct int" writing the same picture from the
+// baseline JPEG: CPU time (user + system) of the child process, its peak
+// resident size, and the ratio quarto-wicket / djpeg.
+//
 // Before timing, the run checks that both decoders agree: grey bit for bit
 // with libjpeg-turbo; colour (whose YCbCr conversion differs from JPEG's) bit
 // for bit with the plain reference decoder of the tests. The JPEG carries no
@@ -20,7 +25,12 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <jpeglib.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "DecompWicket.h"
 #include "HuffCodec.h"
@@ -28,6 +38,8 @@
 #include "WicketEncoder.h"
 #include "WicketKernels.h"
 #include "WicketReference.h"
+#include "bench_report.h"
+#include "testutil.h"
 #include "util.h"
 
 namespace {
@@ -222,27 +234,13 @@ bool decodeQuarto(CDecompWicket& dec, const Bytes& stream, uint8_t* out, int cha
 
 // The plain reference decoder, band by band.
 bool decodeReference(const Bytes& stream, uint8_t* out, int channels) {
-    wicketref::Decoder ref(true);
-    ref.setQuality(QUALITY, QUALITY);
-    size_t pos = 0;
-    long row = 0, stride = long(PAGE_WIDTH) * channels;
-    while (pos < stream.size()) {
-        const int held = int(stream.size() - pos);
-        uint32_t size = readBE32(stream.data() + pos, held, WICKET_HEADER_SIZE_OFFSET);
-        int lines = int(readBE32(stream.data() + pos, held, WICKET_HEADER_HEIGHT_OFFSET));
-        if (size < uint32_t(WICKET_HEADER_SIZE) || size > uint32_t(held)) return false;
-        int padded = (lines + 7) / 8 * 8;
-        Bytes band(size_t(stride) * padded);
-        int produced;
-        long bits;
-        if (ref.decode(stream.data() + pos + WICKET_HEADER_SIZE, int(size) - WICKET_HEADER_SIZE, band.data(),
-                       PAGE_WIDTH, padded, channels, &produced, &bits) != 0)
-            return false;
-        memcpy(out + row * stride, band.data(), size_t(lines) * size_t(stride));
-        row += lines;
-        pos += size;
-    }
-    return row == PAGE_HEIGHT;
+    Bytes image;
+    int width = 0;
+    if (wicketref::decodeStream(stream.data(), stream.size(), channels, &image, &width) != 0 || width != PAGE_WIDTH ||
+        image.size() != size_t(PAGE_WIDTH) * PAGE_HEIGHT * channels)
+        return false;
+    memcpy(out, image.data(), image.size());
+    return true;
 }
 
 // libjpeg-turbo's own quality scaling of its own copy of the Annex K tables.
@@ -356,30 +354,181 @@ void BM_Libjpeg(benchmark::State& state, Mode* m) {
     state.SetBytesProcessed(state.iterations() * m->outputBytes());
 }
 
-// Keeps the fastest repetition of every benchmark for the ratios, by CPU time
-// of the decoding thread (what the decoders cost, even on a machine shared with
-// other work) and by wall time.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    struct Best {
-        double cpu = 1e300, real = 1e300;
-    };
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs) {
-            if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
-            Best& b = best[r.run_name.function_name];
-            b.cpu = std::min(b.cpu, r.GetAdjustedCPUTime());  // per iteration, ms
-            b.real = std::min(b.real, r.GetAdjustedRealTime());
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, Best> best;
+// ------------------------------------------------------- whole programs
+
+extern "C" char** environ;
+
+#ifndef QUARTO_WICKET_TOOL
+#define QUARTO_WICKET_TOOL "quarto-wicket"
+#endif
+
+struct ProgramRun {
+    double dCpu = 0, dWall = 0;  // seconds
+    long lPeakKb = 0;
 };
+
+// Runs argv (found on PATH) with its output streams on /dev/null; false unless
+// it exits with 0.
+bool runTimed(const std::vector<std::string>& argv, ProgramRun* r) {
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    timespec t0, t1;
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    pid_t pid;
+    int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    if (rc != 0) return false;
+    int status = 0;
+    rusage ru;
+    if (wait4(pid, &status, 0, &ru) != pid) return false;
+    clock_gettime(CLOCK_MONOTONIC, &t1);
+    r->dCpu = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    r->dWall = double(t1.tv_sec - t0.tv_sec) + (t1.tv_nsec - t0.tv_nsec) / 1e9;
+    r->lPeakKb = ru.ru_maxrss;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The programs are started by a small process forked before the benchmark
+// grows: a process's peak resident size (ru_maxrss) carries over from the
+// memory it was started from, so children of the benchmark would all report
+// its 600 MB. The launcher takes NUL-separated command lines on a pipe and
+// answers each with a ProgramRun and the exit verdict.
+class Launcher {
+public:
+    bool start() {
+        int req[2], ans[2];
+        if (pipe(req) != 0 || pipe(ans) != 0) return false;
+        pid = fork();
+        if (pid < 0) return false;
+        if (pid == 0) {
+            close(req[1]);
+            close(ans[0]);
+            qt::resetResidentPeak();
+            long base = qt::residentKb("VmRSS");
+            if (writeAll(ans[1], &base, sizeof base)) serve(req[0], ans[1]);
+            _exit(0);
+        }
+        close(req[0]);
+        close(ans[1]);
+        iRequest = req[1];
+        iAnswer = ans[0];
+        return readAll(iAnswer, &lBaseKb, sizeof lBaseKb);
+    }
+    ~Launcher() {
+        if (pid <= 0) return;
+        close(iRequest);
+        close(iAnswer);
+        waitpid(pid, nullptr, 0);
+    }
+    bool run(const std::vector<std::string>& argv, ProgramRun* r) {
+        std::string line;
+        for (const std::string& a : argv) line += a + '\0';
+        uint32_t len = uint32_t(line.size());
+        char ok = 0;
+        return pid > 0 && writeAll(iRequest, &len, sizeof len) && writeAll(iRequest, line.data(), len) &&
+               readAll(iAnswer, r, sizeof *r) && readAll(iAnswer, &ok, 1) && ok == 1;
+    }
+    // The launcher's own resident size, the floor of every peak reported.
+    long lBaseKb = 0;
+
+private:
+    static bool writeAll(int fd, const void* p, size_t n) {
+        for (const char* c = static_cast<const char*>(p); n > 0;) {
+            ssize_t w = write(fd, c, n);
+            if (w <= 0) return false;
+            c += w;
+            n -= size_t(w);
+        }
+        return true;
+    }
+    static bool readAll(int fd, void* p, size_t n) {
+        for (char* c = static_cast<char*>(p); n > 0;) {
+            ssize_t got = read(fd, c, n);
+            if (got <= 0) return false;
+            c += got;
+            n -= size_t(got);
+        }
+        return true;
+    }
+    static void serve(int in, int out) {
+        for (uint32_t len; readAll(in, &len, sizeof len) && len < (1u << 16);) {
+            std::string line(len, '\0');
+            if (!readAll(in, &line[0], len)) break;
+            std::vector<std::string> argv;
+            for (size_t p = 0; p < line.size(); p = line.find('\0', p) + 1) argv.push_back(line.c_str() + p);
+            ProgramRun r;
+            char ok = runTimed(argv, &r) ? 1 : 0;
+            if (!writeAll(out, &r, sizeof r) || !writeAll(out, &ok, 1)) break;
+        }
+    }
+    pid_t pid = -1;
+    int iRequest = -1, iAnswer = -1;
+};
+Launcher g_launcher;
+
+struct Program {
+    std::vector<std::string> vArgv;
+    ProgramRun best;  // least CPU time of the runs
+    bool bRan = false;
+};
+Program g_quartoTool, g_djpeg;
+
+// One iteration runs the program once; the time reported is its CPU time.
+void BM_Program(benchmark::State& state, Program* p) {
+    for (auto _ : state) {
+        ProgramRun r;
+        if (!g_launcher.run(p->vArgv, &r)) {
+            state.SkipWithError("the program failed");
+            return;
+        }
+        state.SetIterationTime(r.dCpu);
+        if (!p->bRan || r.dCpu < p->best.dCpu) p->best = r;
+        p->bRan = true;
+    }
+}
+
+// The colour page as a Wicket stream and as a baseline JPEG in dir, and the
+// two command lines; checks that quarto-wicket writes the decoder's pixels.
+bool prepareTools(const qt::TempDir& dir) {
+    const std::string wkt = dir.file("page.wkt"), jpg = dir.file("page.jpg");
+    qt::writeFile(wkt, std::string(g_colour.stream.begin(), g_colour.stream.end()));
+    qt::writeFile(jpg, std::string(g_colour.jpeg.begin(), g_colour.jpeg.end()));
+    g_quartoTool.vArgv = {QUARTO_WICKET_TOOL, "decode", "--channels", "3", wkt, dir.file("quarto.ppm")};
+    g_djpeg.vArgv = {"djpeg", "-dct", "int", "-outfile", dir.file("djpeg.ppm"), jpg};
+    ProgramRun r;
+    if (!g_launcher.run(g_quartoTool.vArgv, &r)) {
+        fprintf(stderr, "quarto-wicket decode failed\n");
+        return false;
+    }
+    const std::string head = "P6\n" + std::to_string(PAGE_WIDTH) + " " + std::to_string(PAGE_HEIGHT) + "\n255\n";
+    const std::string ppm = qt::readFile(dir.file("quarto.ppm"));
+    if (ppm.compare(0, head.size(), head) != 0 || ppm.size() != head.size() + g_colour.quartoOut.size() ||
+        memcmp(ppm.data() + head.size(), g_colour.quartoOut.data(), g_colour.quartoOut.size()) != 0) {
+        fprintf(stderr, "quarto-wicket decode wrote other pixels than the decoder\n");
+        return false;
+    }
+    if (!g_launcher.run(g_djpeg.vArgv, &r)) {
+        fprintf(stderr, "djpeg failed or is missing (package libjpeg-turbo-progs)\n");
+        return false;
+    }
+    return qt::readFile(dir.file("djpeg.ppm")).size() == ppm.size();
+}
+
+using bench::RatioReporter;
 
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
+    if (!g_launcher.start()) {
+        fprintf(stderr, "cannot start the program launcher\n");
+        return 1;
+    }
     if (!tablesMatchLibjpeg()) {
         fprintf(stderr, "quality-scaled tables differ from libjpeg-turbo's\n");
         return 1;
@@ -400,6 +549,15 @@ int main(int argc, char** argv) {
         reg(benchmark::RegisterBenchmark("quarto_colour_sse2", BM_Quarto, &g_colour, int(WICKET_SIMD_SSE2)));
         reg(benchmark::RegisterBenchmark("quarto_grey_sse2", BM_Quarto, &g_grey, int(WICKET_SIMD_SSE2)));
     }
+    qt::TempDir toolDir;
+    const bool tools = prepareTools(toolDir);
+    if (tools) {
+        auto regTool = [](benchmark::internal::Benchmark* b) {
+            b->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(3)->Repetitions(3);
+        };
+        regTool(benchmark::RegisterBenchmark("tool_quarto_wicket_decode", BM_Program, &g_quartoTool));
+        regTool(benchmark::RegisterBenchmark("tool_djpeg", BM_Program, &g_djpeg));
+    }
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
@@ -418,6 +576,18 @@ int main(int argc, char** argv) {
         if (reporter.best.count(s))
             printf("%-6s quarto with SSE2 kernels only: %.1f ms, ratio %.3f\n", mode, reporter.best[s].cpu,
                    reporter.best[s].cpu / bl.cpu);
+    }
+    if (tools && g_quartoTool.bRan && g_djpeg.bRan) {
+        const ProgramRun &q = g_quartoTool.best, &d = g_djpeg.best;
+        printf("\nWhole process, colour page to a PPM file, fastest by CPU time (user + system) of 9 runs each:\n"
+               "  ratio quarto-wicket decode / djpeg -dct int = %.3f (wall %.3f)\n"
+               "  quarto-wicket: %.1f ms CPU, %.1f ms wall, peak resident %.1f MB\n"
+               "  djpeg:         %.1f ms CPU, %.1f ms wall, peak resident %.1f MB\n"
+               "  (a peak is never below the %.1f MB of the process that starts the programs)\n",
+               q.dCpu / d.dCpu, q.dWall / d.dWall, q.dCpu * 1e3, q.dWall * 1e3, q.lPeakKb / 1024.0, d.dCpu * 1e3,
+               d.dWall * 1e3, d.lPeakKb / 1024.0, g_launcher.lBaseKb / 1024.0);
+    } else if (!tools) {
+        printf("\nquarto-wicket against djpeg: not measured (see the message above)\n");
     }
     benchmark::Shutdown();
     return 0;

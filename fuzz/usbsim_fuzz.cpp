@@ -5,7 +5,8 @@
 // length byte followed by that many bytes. After each write a few transfers
 // are read back.
 //
-// The fuzz build does not build sim/, so its two sources are compiled in here.
+// The fuzz build does not build sim/, so its two sources are compiled in here;
+// the Wicket encoder they use is linked.
 #include "../sim/Scenario.cpp"
 #include "../sim/SimDevice.cpp"
 
@@ -16,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string errors;
     usbsim::parseScenario(std::string(reinterpret_cast<const char*>(data), textLen), scn, errors);
     if (scn.devices.empty() || !nul) return 0;
-    usbsim::SimDevice dev(scn.devices[0], 0, nullptr);
+    usbsim::SimDevice dev(scn.devices[0], 0, nullptr, nullptr);
     unsigned char buf[4096];
     size_t pos = textLen + 1;
     while (pos < size) {

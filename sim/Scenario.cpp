@@ -31,6 +31,12 @@ const FaultInfo FAULTS[FAULT_COUNT] = {
     {"device_abort", -1, -1, 1000000000},
     {"jam", -1, -1, 1000000000},
     {"write_fail", -1, -1, 1000000000},
+    {"oom", -1, -1, 1000000000},
+    {"comm_error", -1, -1, 1000000000},
+    {"bad_status", -1, -1, 1000000000},
+    {"not_record", -1, -1, 1000000000},
+    {"stall", -1, -1, 1000000000},
+    {"unplug_lines", -1, -1, 1000000000},
 };
 
 // Image windows and resolutions are 32-bit on the wire.
@@ -264,6 +270,9 @@ private:
         else if (key == "res") resLine(w);
         else if (key == "size") sizeLine(w, raw);
         else if (key == "feeder") oneNumber(w, 0, 255, d.iFeeder);
+        else if (key == "sheets") oneNumber(w, 0, MAX_SHEETS, d.iSheets);
+        else if (key == "multipage") onOff(w, d.bMultipage);
+        else if (key == "wicket") wicketLine(w);
         else if (key == "lock_status") oneNumber(w, 0, 255, d.iLockStatus);
         else if (key == "start_status") oneNumber(w, 0, 255, d.iStartStatus);
         else if (key == "reply_status") oneNumber(w, 0, 255, d.iReplyStatus);
@@ -441,6 +450,12 @@ private:
         pDev->scanParams = bytes;
     }
 
+    void wicketLine(const std::vector<std::string>& w) {
+        DeviceConfig& d = *pDev;
+        attributes(w, 1, "wicket",
+                   {num("quality", 1, 100, d.iWicketQuality), num("band", 1, MAX_WICKET_BAND, d.iWicketBand)});
+    }
+
     void interleaveLine(const std::vector<std::string>& w) {
         DeviceConfig& d = *pDev;
         uint32_t x = 0, trim = 0, y = 0;
@@ -460,7 +475,8 @@ private:
         int f = w.size() == 3 ? faultIndex(w[1].c_str()) : -1;
         if (f < 0) {
             fail("usage: fault NAME VALUE, with NAME one of busy, setconfig_eperm, open_fail, unplug, "
-                 "read_timeout, short_reply, wrong_code, abort, device_abort, jam, write_fail");
+                 "read_timeout, short_reply, wrong_code, abort, device_abort, jam, write_fail, oom, comm_error, "
+                 "bad_status, not_record, stall, unplug_lines");
             return;
         }
         if (!parseNumber(w[2], -1000000000LL, 1000000000LL, v) || !faultValueValid(f, v)) {

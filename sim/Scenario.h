@@ -25,6 +25,12 @@ enum FaultId {
     FAULT_DEVICE_ABORT,     // N: device-abort record (4) after N image lines
     FAULT_JAM,              // N: paper-jam record (5) after N image lines
     FAULT_WRITE_FAIL,       // N: bulk writes fail with -EIO after N more good writes
+    FAULT_OOM,              // N: out-of-memory record (2) after N image lines
+    FAULT_COMM_ERROR,       // N: communication-error record (6) after N image lines
+    FAULT_BAD_STATUS,       // N: a record with a status no device defines after N image lines
+    FAULT_NOT_RECORD,       // N: a message that is no scan record after N image lines, then nothing
+    FAULT_STALL,            // N: nothing more after N image lines (reads time out)
+    FAULT_UNPLUG_LINES,     // N: the device disappears after N image lines
     FAULT_COUNT
 };
 
@@ -103,6 +109,10 @@ struct DeviceConfig {
     bool bSizesRaw = false;
     std::vector<unsigned char> sizesRaw;
     int iFeeder = 0;
+    int iSheets = -1;          // sheets loaded in the feeder; -1: no sheets simulated
+    bool bMultipage = false;   // feeder scans with source 2 or 4 run as multi-page jobs too
+    int iWicketQuality = 75;   // compressed mode: quality factor of the bands
+    int iWicketBand = 32;      // compressed mode: lines per band
     int iLockStatus = 128;
     int iStartStatus = 128;
     int iReplyStatus = 128;
@@ -142,6 +152,8 @@ constexpr int MAX_RAW_BLOCK = 4096;
 constexpr int MAX_LINE = 4096;
 constexpr int MAX_BLOCK = 65000;
 constexpr int MAX_PAGES = 100;
+constexpr int MAX_SHEETS = 100000;
+constexpr int MAX_WICKET_BAND = 4096;
 
 // Parses scenario text into out (appending). Each faulty line is skipped and
 // described in errors ("line N: ..."); returns the number of such lines.

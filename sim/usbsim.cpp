@@ -70,6 +70,8 @@ struct State {
     bool bEventsCut = false;
     int iLogFd = -1;
     bool bLogChecked = false;
+    int iBandFd = -1;           // where the bands of compressed scans are copied
+    bool bBandChecked = false;  // QUARTO_USBSIM_BANDS looked at
     char szLastError[256] = "no error";
 };
 
@@ -80,14 +82,48 @@ State& st() {
     return *s;
 }
 
+// A file for the simulator's records: appended to, created 0600, never
+// through a symbolic link, and only a regular file of this user.
+int openRecordFile(const char* path, const char* what) {
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    struct stat sb;
+    if (fd >= 0 && (fstat(fd, &sb) != 0 || !S_ISREG(sb.st_mode) || sb.st_uid != geteuid())) {
+        close(fd);
+        fd = -1;
+        errno = EPERM;
+    }
+    if (fd < 0) fprintf(stderr, "usbsim: cannot open the %s %s: %s\n", what, path, strerror(errno));
+    return fd;
+}
+
+void writeAll(int fd, const unsigned char* p, size_t n) {
+    while (n > 0) {
+        ssize_t rc = write(fd, p, n);
+        if (rc < 0 && errno == EINTR) continue;
+        if (rc <= 0) return;  // a lost record must not change what the host sees
+        p += rc;
+        n -= static_cast<size_t>(rc);
+    }
+}
+
 void openLogLocked() {
     State& s = st();
     if (s.bLogChecked) return;
     s.bLogChecked = true;
     const char* path = getenv("QUARTO_USBSIM_LOG");
     if (!path || !*path) return;
-    s.iLogFd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (s.iLogFd < 0) fprintf(stderr, "usbsim: cannot open the event log %s: %s\n", path, strerror(errno));
+    s.iLogFd = openRecordFile(path, "event log");
+}
+
+// Copies a band of a compressed scan, as the device sends it, to the band file.
+void addBand(const unsigned char* p, size_t n) {
+    State& s = st();
+    if (!s.bBandChecked) {
+        s.bBandChecked = true;
+        const char* path = getenv("QUARTO_USBSIM_BANDS");
+        if (path && *path) s.iBandFd = openRecordFile(path, "band file");
+    }
+    if (s.iBandFd >= 0) writeAll(s.iBandFd, p, n);
 }
 
 void addEvent(const std::string& line) {
@@ -102,8 +138,7 @@ void addEvent(const std::string& line) {
     }
     if (s.iLogFd >= 0) {
         std::string l = line + "\n";
-        ssize_t rc = write(s.iLogFd, l.data(), l.size());
-        (void)rc;  // a lost log line must not change what the host sees
+        writeAll(s.iLogFd, reinterpret_cast<const unsigned char*>(l.data()), l.size());
     }
 }
 
@@ -288,7 +323,7 @@ int loadLocked(const std::string& text, const std::string& origin) {
     s.slots.resize(scn.devices.size());
     for (size_t i = 0; i < scn.devices.size(); ++i) {
         Slot& slot = s.slots[i];
-        slot.engine.reset(new SimDevice(scn.devices[i], static_cast<int>(i), addEvent));
+        slot.engine.reset(new SimDevice(scn.devices[i], static_cast<int>(i), addEvent, addBand));
         slot.szBus = scn.devices[i].szBus;
         slot.szFile = scn.devices[i].szFile;
         slot.pInc = makeIncarnation(slot);
@@ -622,6 +657,10 @@ int usb_bulk_read(usb_dev_handle* h, int ep, char* bytes, int size, int) {
     int& timeoutAfter = slot->engine->cfg.faults[usbsim::FAULT_READ_TIMEOUT];
     if (timeoutAfter == 0) return fail(-ETIMEDOUT, "usb_bulk_read");
     int n = slot->engine->read(reinterpret_cast<unsigned char*>(bytes), size);
+    if (n == SimDevice::READ_UNPLUG) {
+        unplugLocked(*slot);
+        return fail(-ENODEV, "usb_bulk_read");
+    }
     if (n < 0) return fail(-ETIMEDOUT, "usb_bulk_read");
     if (timeoutAfter > 0) --timeoutAfter;
     return n;
@@ -870,6 +909,31 @@ int usbsim_inject(int dev, const unsigned char* data, int len) {
     slot->engine->inject(data, len);
     addEvent(textf("inject dev=%d len=%d", dev, len));
     return 0;
+}
+
+int usbsim_load_feeder(int dev, int sheets) {
+    std::lock_guard<std::mutex> g(st().mtx);
+    Slot* slot = nullptr;
+    if (slotOf(dev, slot) || sheets < -1 || sheets > usbsim::MAX_SHEETS) return -1;
+    slot->engine->loadFeeder(sheets);
+    return 0;
+}
+
+int usbsim_feeder_sheets(int dev) {
+    std::lock_guard<std::mutex> g(st().mtx);
+    Slot* slot = nullptr;
+    return slotOf(dev, slot) ? -2 : slot->engine->sheetsLeft();
+}
+
+int usbsim_set_band_file(const char* path) {
+    std::lock_guard<std::mutex> g(st().mtx);
+    State& s = st();
+    if (s.iBandFd >= 0) close(s.iBandFd);
+    s.iBandFd = -1;
+    s.bBandChecked = true;  // the variable no longer counts
+    if (!path || !*path) return 0;
+    s.iBandFd = openRecordFile(path, "band file");
+    return s.iBandFd >= 0 ? 0 : -1;
 }
 
 int usbsim_queued(int dev) {

@@ -68,7 +68,8 @@ int usbsim_last_window(int dev, struct usbsim_window* w);
 
 /* Switches a fault at run time (names and values in sim/README.md: busy,
  * setconfig_eperm, open_fail, unplug, read_timeout, short_reply, wrong_code,
- * abort, device_abort, jam, write_fail). Counters restart at the value given.
+ * abort, device_abort, jam, write_fail, oom, comm_error, bad_status,
+ * not_record, stall, unplug_lines). Counters restart at the value given.
  * Returns 0, or -1 for an unknown device, name or value. */
 int usbsim_set_fault(int dev, const char* name, int value);
 /* Current value of a fault (counters count down), or -2 when unknown. */
@@ -86,6 +87,19 @@ int usbsim_replug(int dev, const char* bus, const char* devfile);
 int usbsim_inject(int dev, const unsigned char* data, int len);
 /* Transfers waiting to be read on dev (a running scan counts one). */
 int usbsim_queued(int dev);
+
+/* Loads the feeder of dev with `sheets` sheets (0: empty; -1: sheets no longer
+ * simulated, the scenario's "feeder" state is reported again) and restarts the
+ * page count p at 1. Returns 0, or -1 for an unknown device or value. */
+int usbsim_load_feeder(int dev, int sheets);
+/* Sheets left in the feeder of dev; -1 when sheets are not simulated, -2 for
+ * an unknown device. */
+int usbsim_feeder_sheets(int dev);
+
+/* Appends every band of a compressed scan, exactly as the devices send it, to
+ * the file at path (created 0600; a symbolic link or a file of another user is
+ * refused); NULL stops. Overrides QUARTO_USBSIM_BANDS. Returns 0 or -1. */
+int usbsim_set_band_file(const char* path);
 
 #ifdef __cplusplus
 }

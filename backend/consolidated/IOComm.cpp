@@ -1,10 +1,15 @@
 #include "IOComm.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,6 +19,8 @@
 #include "ICommand.h"
 #include "ImageData.h"
 #include "SaneConfReader.h"
+#include "ScanReadStatusDisplayMgr.h"
+#include "ScanRecordDataMgr.h"
 #include "Wicket.h"
 #include "util.h"
 
@@ -38,6 +45,13 @@ const unsigned RECORD_PAGE_END = 7;
 const unsigned RECORD_JOB_START = 8;
 const unsigned RECORD_PAGE_START = 9;
 const unsigned RECORD_IN_PROGRESS = 0;
+const unsigned RECORD_OUT_OF_MEMORY = 2;
+const unsigned RECORD_HOST_ABORT = 3;
+const unsigned RECORD_DEVICE_ABORT = 4;
+const unsigned RECORD_PAPER_JAM = 5;
+const unsigned RECORD_COMM_ERROR = 6;
+// A multi-page message carries its page fragment from offset 10.
+const int RECORD_PAYLOAD_OFFSET = 10;
 // A page-start record with byte 10 = 1 carries the interleave information:
 // five 32-bit little-endian values from offset 11.
 const unsigned RECORD_HAS_INTERLEAVE = 1;
@@ -64,6 +78,10 @@ const char MAKER_FULL_NAME[] = "Tarvesk International";
 const char MAKER_SHORT_NAME[] = "Tarvesk";
 const char UNKNOWN_VENDOR[] = "Unknown Vendor";
 const char UNKNOWN_PRODUCT[] = "Unknown Scanner";
+
+// Directory name of a multi-page job under $TMPDIR (or /tmp).
+const char JOB_DIR_TEMPLATE[] = "/quarto-job-XXXXXX";
+const char DEFAULT_TMPDIR[] = "/tmp";
 
 // The status byte of a scan record, or -1 when the bytes are no record or too
 // short to carry a status.
@@ -107,6 +125,16 @@ bool interfaceQualifies(const struct usb_device* dev, int i) {
 
 unsigned roundUp8(unsigned v) { return (v + 7u) & ~7u; }
 
+// Asks the kernel to back the 2 MB-aligned part of a large fresh buffer with
+// huge pages where it allows that (a no-op where it does not): a decoded page
+// of some hundred megabytes then costs one fault per 2 MB, not one per 4 kB.
+void adviseHugePages(void* p, size_t len) {
+    const uintptr_t huge = uintptr_t(2) << 20;
+    const uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
+    const uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
+    if (end > start) madvise((void*)start, end - start, MADV_HUGEPAGE);
+}
+
 }  // namespace
 
 void IOComm::FreeDeleter::operator()(unsigned char* p) const { free(p); }
@@ -122,14 +150,18 @@ IOComm::IOComm() : pDataBuffer(new DataBuffer()), aChunk(USB_CHUNK_SIZE) {
 
 IOComm::~IOComm() {
     LOG_METHOD_START();
-    // The progress display and the page cache of multi-page jobs are not built
-    // yet, so there is nothing to stop or delete beside the device itself.
+    // The display and the cache are process-wide: a transport that never ran a
+    // job (such as the short-lived ones of device enumeration) leaves another
+    // transport's window and pages alone.
     LOG_DEBUG("closing progress dialog(if any)");
+    if (ownsDisplay()) ScanReadStatusDisplayMgr::getInstance()->stop();
     if (iOpen) closeDevice();
     // closeDevice keeps a device whose interface could not be released marked
     // open; the handle is still ours to close.
     if (iOpen) closeHandle();
     LOG_DEBUG("clearing cached page(if any)");
+    if (ownsPageCache()) ScanRecordDataMgr::getInstance()->clearPages();
+    removeJobDirectory();
     LOG_METHOD_END();
 }
 
@@ -299,9 +331,61 @@ void IOComm::changeUSBDeviceInfo() {
 }
 
 unsigned int IOComm::cachedPageCount() {
-    // The page cache of multi-page jobs is not built yet: there are never
-    // pages left over from an earlier job.
-    return 0;
+    if (!ownsPageCache()) return 0;
+    int pages = ScanRecordDataMgr::getInstance()->getTotalPages();
+    return pages > 0 ? (unsigned int)pages : 0u;
+}
+
+bool IOComm::ownsPageCache() {
+    return !szJobDir.empty() && ScanRecordDataMgr::getInstance()->getBasePath() == szJobDir;
+}
+
+bool IOComm::ownsDisplay() {
+    return !szJobDir.empty() && ScanReadStatusDisplayMgr::getInstance()->getBasePath() == szJobDir;
+}
+
+bool IOComm::prepareJobDirectory() {
+    if (szJobDir.empty()) {
+        // A private directory (mode 0700) of this transport's own, so that no
+        // other user can read the pages or put anything where they are written.
+        const char* tmp = getenv("TMPDIR");
+        std::string base = (tmp != nullptr && tmp[0] == '/') ? tmp : DEFAULT_TMPDIR;
+        std::vector<char> name(base.begin(), base.end());
+        name.insert(name.end(), JOB_DIR_TEMPLATE, JOB_DIR_TEMPLATE + sizeof(JOB_DIR_TEMPLATE));
+        if (name.size() > PATH_MAX || mkdtemp(name.data()) == nullptr) {
+            LOG_ERROR("[ERROR] unable to create the job directory under %s", base.c_str());
+            return false;
+        }
+        szJobDir = name.data();
+        LOG_DEBUG("job directory: %s", szJobDir.c_str());
+    }
+    // Both services now work for this transport; setBasePath drops whatever
+    // an earlier job left queued.
+    ScanRecordDataMgr::getInstance()->setBasePath(&szJobDir[0]);
+    ScanReadStatusDisplayMgr::getInstance()->setBasePath(&szJobDir[0]);
+    return true;
+}
+
+void IOComm::removeJobDirectory() {
+    if (szJobDir.empty()) return;
+    // Whatever is left in the directory (a page that could not be deleted, a
+    // data file the display kept) is ours and goes with it; nothing outside
+    // it is touched and no link is followed.
+    int dirFd = open(szJobDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (dirFd >= 0) {
+        DIR* dir = fdopendir(dirFd);
+        if (dir == nullptr) {
+            close(dirFd);
+        } else {
+            while (struct dirent* e = readdir(dir)) {
+                if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+                unlinkat(dirfd(dir), e->d_name, 0);
+            }
+            closedir(dir);
+        }
+    }
+    if (rmdir(szJobDir.c_str()) != 0) LOG_ERROR("[ERROR] unable to remove the job directory %s", szJobDir.c_str());
+    szJobDir.clear();
 }
 
 void IOComm::closeHandle() {
@@ -488,8 +572,11 @@ int IOComm::getProductName(char* buffer, int size) {
 int IOComm::Write(unsigned char* data, int length) {
     LOG_METHOD_START();
     // openDevice also follows a re-plugged device; for an open device it is 0
-    // unless pages are cached.
-    if (openDevice() != COMM_STATUS_GOOD) {
+    // unless pages are cached. Cached pages (19) come from an open, claimed
+    // device whose job has ended, so the write goes ahead: the session must be
+    // able to unlock or cancel while it hands out the pages of a feeder job.
+    int opened = openDevice();
+    if (opened != COMM_STATUS_GOOD && opened != COMM_STATUS_CACHED_PAGES) {
         LOG_DEBUG(" -> device is closed, open first");
         LOG_METHOD_END_INT(COMM_STATUS_DEVICE_CLOSED);
         return COMM_STATUS_DEVICE_CLOSED;
@@ -738,15 +825,135 @@ int IOComm::consumeScannerData() {
     int source = optionInt("SCAN_SOURCE");
     LOG_DEBUG("USB multi-page flag: %d", multiPage);
     LOG_DEBUG("scan source: %d", source);
+    int rc = COMM_STATUS_GOOD;
     if (multiPage == 1 && source != 0) {
         LOG_DEBUG("USB multi-page is enabled and scan source is ADF");
-        // Writing every page of the job to the page cache needs the cache,
-        // which is not built yet. The pages stay in the device and ReadImage
-        // reads them from the stream as in an ordinary scan.
-        LOG_DEBUG("multi-page caching is not available; reading pages from the device stream");
+        bMultiPage = true;
+        rc = readImagesIntoFiles();
     }
-    LOG_METHOD_END_INT(COMM_STATUS_GOOD);
-    return COMM_STATUS_GOOD;
+    LOG_METHOD_END_INT(rc);
+    return rc;
+}
+
+int IOComm::readImagesIntoFiles() {
+    LOG_METHOD_START();
+    if (pCommand == nullptr || !prepareJobDirectory()) {
+        LOG_METHOD_END_INT(1);
+        return 1;
+    }
+    ScanRecordDataMgr* cache = ScanRecordDataMgr::getInstance();
+    ScanReadStatusDisplayMgr* display = nullptr;
+    if (optionInt("READ_STATUS_DISPLAY_FLAG") == 1) {
+        LOG_DEBUG("read display is enabled");
+        display = ScanReadStatusDisplayMgr::getInstance();
+        const char* binary = pConfigReader->GetStringOption("DISPLAYBINARY");
+        LOG_DEBUG("read display binary: %s", binary != nullptr ? binary : "");
+        display->setProgressWindowAppCommand(binary);
+        display->start();
+    }
+
+    bool completed = false;
+    bool stop = false;
+    int pageCounter = 0;
+    while (!stop) {
+        unsigned char* raw = nullptr;
+        unsigned int len = 0;
+        // A failed fetch ends the job (there is no message to look at).
+        if (fetchMessage(&raw, &len) != COMM_STATUS_GOOD) break;
+        std::unique_ptr<unsigned char, FreeDeleter> message(raw);
+        int status = recordStatus(raw, (int)len);
+        if (status < 0) {
+            LOG_DEBUG("[ERROR] Non scan record message received.");
+            break;
+        }
+        LOG_DEBUG("scan record status: 0x%x", status);
+        switch ((unsigned)status) {
+        case RECORD_IN_PROGRESS: {
+            LOG_DEBUG("scan in progress");
+            unsigned int fragment = len > (unsigned)RECORD_PAYLOAD_OFFSET ? len - RECORD_PAYLOAD_OFFSET : 0u;
+            LOG_DEBUG("page fragment first 100 bytes");
+            LOG_DUMP(raw + RECORD_PAYLOAD_OFFSET, (int)std::min(fragment, (unsigned)USB_FRAGMENT_DUMP));
+            if (!cache->putPageFragment(raw + (fragment > 0 ? RECORD_PAYLOAD_OFFSET : 0), fragment)) {
+                // A page that cannot be written whole ends the job rather than
+                // giving the front end a short page.
+                LOG_ERROR("[ERROR] unable to write page fragment to the page cache");
+                stop = true;
+            }
+            break;
+        }
+        case RECORD_SCAN_COMPLETE:
+            LOG_DEBUG("scan completed successfully");
+            cache->endPage();
+            completed = true;
+            stop = true;
+            break;
+        case RECORD_OUT_OF_MEMORY:
+            LOG_DEBUG("job end marker: scan aborted; out of memory in device");
+            stop = true;
+            break;
+        case RECORD_HOST_ABORT:
+            LOG_DEBUG("job end marker: scan aborted; host-initiated abort");
+            stop = true;
+            break;
+        case RECORD_DEVICE_ABORT:
+            LOG_DEBUG("job end marker: scan aborted; device-initiated abort");
+            stop = true;
+            break;
+        case RECORD_PAPER_JAM:
+            LOG_DEBUG("job end marker: scan aborted; paper jam");
+            stop = true;
+            break;
+        case RECORD_COMM_ERROR:
+            LOG_DEBUG("job end marker: communications error");
+            stop = true;
+            break;
+        case RECORD_PAGE_END:
+            LOG_DEBUG("page end marker");
+            cache->endPage();
+            break;
+        case RECORD_JOB_START:
+            LOG_DEBUG("job start marker");
+            break;
+        case RECORD_PAGE_START:
+            LOG_DEBUG("page start marker");
+            if (display != nullptr && display->isRunning()) {
+                std::string text = std::to_string(++pageCounter);
+                LOG_DEBUG("updating display: %s", text.c_str());
+                display->update(text.c_str());
+            }
+            break;
+        default:
+            LOG_DEBUG("unknown status");
+            stop = true;
+            break;
+        }
+    }
+
+    if (completed) {
+        consumeAfterJob();
+    } else {
+        // The pages already ended stay queued; a page the job broke off in
+        // the middle of is not one of them.
+        cache->discardCurrentPage();
+    }
+    // Bytes of this job still held from the last read belong to no later read.
+    dropPending();
+    if (display != nullptr) display->stop();
+    int result = completed ? 0 : 1;
+    LOG_METHOD_END_INT(result);
+    return result;
+}
+
+void IOComm::consumeAfterJob() {
+    LOG_DEBUG("starting consume loop");
+    int status = COMM_STATUS_GOOD;
+    for (int i = 0; i < USB_CONSUME_MAX_CHUNKS && status == COMM_STATUS_GOOD; ++i) {
+        int size = USB_CHUNK_SIZE;
+        LOG_DEBUG("reading chunk (size: %d) from device...", size);
+        status = Read(aChunk.data(), &size, USB_CONSUME_TIMEOUT_MS);
+    }
+    LOG_DEBUG("nothing more to consume. status: %d", status);
+    LOG_DEBUG("end of consume loop");
 }
 
 int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
@@ -787,7 +994,7 @@ int IOComm::readDecompressedImage(int* length, DataBuffer* buffer) {
     return COMM_STATUS_END_OF_DATA;
 }
 
-int IOComm::readCachedPage(int*, DataBuffer*) {
+int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
     if (bCachedPageGiven) {
         LOG_DEBUG("cached page has already been given for this session");
         LOG_DEBUG("indicating no more page to give");
@@ -796,9 +1003,20 @@ int IOComm::readCachedPage(int*, DataBuffer*) {
     unsigned int pages = cachedPageCount();
     LOG_DEBUG("Total cached pages: %d", (int)pages);
     if (pages > 0) {
-        // Taking a page needs the page cache, which is not built yet.
-        LOG_DEBUG("[ERROR] reading cached page failed");
-        return COMM_STATUS_READ_FAILED;
+        unsigned char* raw = nullptr;
+        unsigned int size = 0;
+        if (!ScanRecordDataMgr::getInstance()->takePage(&raw, &size)) {
+            LOG_DEBUG("[ERROR] reading cached page failed");
+            return COMM_STATUS_READ_FAILED;
+        }
+        std::unique_ptr<unsigned char, FreeDeleter> page(raw);
+        LOG_DEBUG("cached page size: %u", size);
+        // takePage hands out at most INT_MAX bytes.
+        buffer->SetRawData(page.get(), (int)size);
+        *length = (int)size;
+        bCachedPageGiven = true;
+        LOG_DEBUG("handing over cached page...");
+        return COMM_STATUS_GOOD;
     }
     LOG_DEBUG("no more cached pages found");
     return COMM_STATUS_END_OF_DATA;
@@ -909,7 +1127,10 @@ int IOComm::readAndDecompressData() {
 int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
     LOG_METHOD_START();
     int pixels = optionInt("PIXELS_PER_LINE");
-    int lines = optionInt("SCANHEIGHT");
+    // The frame announced LINES lines and the device sends that many.
+    // SCANHEIGHT is the area's bottom edge, one line more where it rounds up
+    // and more again below a top margin, so the image would overrun the frame.
+    int lines = optionInt("LINES");
     int depth = optionInt("COLORDEPTH");
     LOG_DEBUG("the colordepth %d", depth);
     const bool colour = depth == 2;
@@ -929,6 +1150,7 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
         LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
         return COMM_STATUS_INVALID_ARG;
     }
+    adviseHugePages(pDecompData.get(), (size_t)imageBytes);
     pDecompDataPtr = pDecompData.get();
     iDecompSize = rowBytes * lines;
 
@@ -961,25 +1183,50 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
             LOG_METHOD_END_INT(1);
             return 1;
         }
-        band.assign((size_t)(paddedWidth * paddedLines * bpp), 0);
-        int produced = 0;
-        int consumed = 0;
+        const long bandStride = paddedWidth * bpp;
+        const long bandArea = bandStride * paddedLines;
         const unsigned char* coded = data + pos + BAND_HEADER_LEN;
-        long bandLen = (long)band.size();
-        int err = colour ? wicket.DecompressThreePlanes(coded, codedLen, band.data(), bandLen, (int)paddedWidth,
-                                                        (int)paddedLines, &produced, &consumed)
-                         : wicket.DecompressOnePlane(coded, codedLen, band.data(), bandLen, (int)paddedWidth,
-                                                     (int)paddedLines, &produced, &consumed);
+        auto decodeInto = [&](unsigned char* out, long outLen) {
+            int produced = 0;
+            int consumed = 0;
+            return colour ? wicket.DecompressThreePlanes(coded, codedLen, out, outLen, (int)paddedWidth,
+                                                         (int)paddedLines, &produced, &consumed)
+                          : wicket.DecompressOnePlane(coded, codedLen, out, outLen, (int)paddedWidth,
+                                                      (int)paddedLines, &produced, &consumed);
+        };
+        unsigned char* image = pDecompData.get();
+        // A band of the image's width whose padded block rows fit into the
+        // image from its first line on is decoded in place and its rows closed
+        // up over the padding, which saves a pass over the whole image.
+        const bool inPlace = bandWidth == (unsigned int)pixels && outLine + (long)bandLines <= roundedLines &&
+                             outLine * rowBytes + bandArea <= imageBytes;
+        int err = 0;
+        if (inPlace) {
+            unsigned char* base = image + outLine * rowBytes;
+            err = decodeInto(base, imageBytes - outLine * rowBytes);
+            if (err == 0) {
+                if (bandStride != rowBytes)
+                    for (long l = 1; l < (long)bandLines; ++l)
+                        memmove(base + l * rowBytes, base + l * bandStride, (size_t)rowBytes);
+                // What the padding left behind the band's lines is blank
+                // again, as where no band reaches.
+                memset(base + (long)bandLines * rowBytes, 0, (size_t)(bandArea - (long)bandLines * rowBytes));
+                outLine += bandLines;
+            }
+        } else {
+            band.assign((size_t)bandArea, 0);
+            err = decodeInto(band.data(), (long)band.size());
+        }
         if (err != 0) {
             LOG_DEBUG("Wicket Error : %d", err);
             LOG_METHOD_END_INT(1);
             return 1;
         }
-        // Each band line goes to the next line of the image; a band narrower
-        // than the image leaves the rest of the line blank.
-        long copyBytes = rowBytes < paddedWidth * bpp ? rowBytes : paddedWidth * bpp;
-        for (unsigned int l = 0; l < bandLines && outLine < roundedLines; ++l, ++outLine)
-            memcpy(pDecompData.get() + outLine * rowBytes, band.data() + (long)l * paddedWidth * bpp, (size_t)copyBytes);
+        // Otherwise each band line goes to the next line of the image; a band
+        // narrower than the image leaves the rest of the line blank.
+        long copyBytes = rowBytes < bandStride ? rowBytes : bandStride;
+        for (unsigned int l = 0; !inPlace && l < bandLines && outLine < roundedLines; ++l, ++outLine)
+            memcpy(image + outLine * rowBytes, band.data() + (long)l * bandStride, (size_t)copyBytes);
         pos += bandBytes;
     }
     LOG_DEBUG("----INFO from WICKET START----");

@@ -1,7 +1,8 @@
 // The USB transport over libusb-0.1 bulk transfers: enumerates the configured
 // scanners, opens and claims one (following it when it was re-plugged under new
 // bus and device numbers), exchanges commands and replies, and reads the scan
-// data stream in its ordinary (escape-framed) and compressed (Wicket band) modes.
+// data stream in its ordinary (escape-framed), compressed (Wicket band) and
+// multi-page (feeder job into the page cache) modes.
 #ifndef QUARTO_IOCOMM_H
 #define QUARTO_IOCOMM_H
 
@@ -22,8 +23,15 @@ const int USB_REPLY_SIZE = 512;
 const int USB_DECOMP_PIECE = 16384;
 // Initial size of the buffer that collects a compressed job.
 const long USB_COMPRESSED_ESTIMATE = 42000000;
-// Timeouts (milliseconds) of the drain after a cancel.
+// Timeouts (milliseconds) of the drain after a cancel and of the drain after
+// a completed multi-page job.
 const long USB_CLEAR_TIMEOUT_MS = 100;
+const long USB_CONSUME_TIMEOUT_MS = 5000;
+// Most chunks the drain after a multi-page job reads (512 MiB), so that a
+// device that never stops sending cannot hold the session forever.
+const int USB_CONSUME_MAX_CHUNKS = 65536;
+// Bytes of each page fragment shown in the log.
+const int USB_FRAGMENT_DUMP = 100;
 // Room of the bus and device file names (16 characters and the terminator).
 const int USB_PATH_FIELD = 17;
 // Buffer sizes of the device name and of the vendor and product strings.
@@ -76,6 +84,12 @@ public:
     int usb_wicket_decompress(unsigned char* data, unsigned int length);
     // Drains the device after a cancel, up to the scan-complete record.
     int clearData();
+    // The multi-page reader: every page of a feeder job into the page cache;
+    // 0 when the job completed, 1 otherwise.
+    int readImagesIntoFiles();
+    // The private directory of this transport's multi-page jobs (empty until
+    // the first job).
+    const std::string& getJobDirectory() const { return szJobDir; }
 
     const char* getBus() const { return cBus; }
     const char* getDev() const { return cDev; }
@@ -94,6 +108,15 @@ private:
     // Pages left by an earlier multi-page job.
     unsigned int cachedPageCount();
     int readCachedPage(int* length, DataBuffer* buffer);
+    // The job directory: made on the first multi-page job, removed with the
+    // transport. The page cache and the progress display serve this
+    // transport only while their base path is its directory.
+    bool prepareJobDirectory();
+    void removeJobDirectory();
+    bool ownsPageCache();
+    bool ownsDisplay();
+    // Reads what the device still sends after a completed job.
+    void consumeAfterJob();
     int readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image);
     int readDecompressedImage(int* length, DataBuffer* buffer);
     int optionInt(const char* key);
@@ -128,6 +151,7 @@ private:
     unsigned char* pDecompDataPtr = nullptr;
     // One chunk of the scan data stream.
     std::vector<unsigned char> aChunk;
+    std::string szJobDir;
 };
 
 #endif

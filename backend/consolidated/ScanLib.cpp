@@ -403,6 +403,9 @@ int ScanLib::Start() {
         }
         if (pComm->consumeScannerData() != 0) {
             LOG_ERROR("Error consuming data from scanner");
+            // A feeder job that broke off has ended on the device: the scanner
+            // is unlocked now rather than at the next session's open.
+            Unlock();
             SL_RETURN(SL_STATUS_IO_ERROR);
         }
     }

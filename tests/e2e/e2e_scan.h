@@ -94,6 +94,13 @@ inline Bytes deviceLine(const Window& w, int row, bool bgr = false) {
     return line;
 }
 
+// Page p (from 1) of a feeder or multi-page scan: the formula shifted by 64
+// columns a page, that is the window moved right by 64 (p - 1) pixels.
+inline Window pageWindow(Window w, int page) {
+    w.iX += 64 * (page - 1);
+    return w;
+}
+
 // ---- scanimage output ----
 
 struct Pnm {

@@ -3,8 +3,14 @@
 // stopped with Ctrl-C in mid-page, and a front end that keeps its handle open
 // and scans again after a failed page.
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -149,6 +155,7 @@ struct InProcess : e2e::BackendApi {
     int (*replug)(int, const char*, const char*) = nullptr;
     const char* (*events)() = nullptr;
     void (*clear_record)() = nullptr;
+    int (*feeder_sheets)(int) = nullptr;
     bool bOk = false;
 
     static const InProcess& get() {
@@ -169,7 +176,8 @@ private:
                 e2e::bindSymbol(sim, "usbsim_set_fault", a.set_fault) &&
                 e2e::bindSymbol(sim, "usbsim_unplug", a.unplug) && e2e::bindSymbol(sim, "usbsim_replug", a.replug) &&
                 e2e::bindSymbol(sim, "usbsim_events", a.events) &&
-                e2e::bindSymbol(sim, "usbsim_clear_record", a.clear_record);
+                e2e::bindSymbol(sim, "usbsim_clear_record", a.clear_record) &&
+                e2e::bindSymbol(sim, "usbsim_feeder_sheets", a.feeder_sheets);
         return a;
     }
 };
@@ -189,7 +197,8 @@ struct KeptHandleFault {
 
 void PrintTo(const KeptHandleFault& c, std::ostream* os) { *os << c.szName; }
 
-class KeptHandle : public ::testing::TestWithParam<KeptHandleFault> {
+// A handle on the 5100 kept across scans, with the means to read whole pages.
+class HandleTest : public ::testing::Test {
 protected:
     void TearDown() override {
         if (h != nullptr) api.close(h);
@@ -229,6 +238,8 @@ protected:
     SANE_Handle h = nullptr;
     SANE_Parameters p{};
 };
+
+class KeptHandle : public HandleTest, public ::testing::WithParamInterface<KeptHandleFault> {};
 
 // A GUI front end keeps the handle after a failed page and starts the next one.
 TEST_P(KeptHandle, NextPageAfterAFailedOne) {
@@ -289,5 +300,195 @@ INSTANTIATE_TEST_SUITE_P(
                       KeptHandleFault{"Unplug", nullptr, 0, false, SANE_STATUS_IO_ERROR, "release", false,
                                       "libusb/002/009"}),
     [](const ::testing::TestParamInfo<KeptHandleFault>& info) { return std::string(info.param.szName); });
+
+// ---------------------------------------------------------------- feeder jobs
+
+// The 5100 with four sheets in its feeder, scanned as one job, 3x5 photos at
+// 150 dpi in colour.
+const int OPT_RESOLUTION = 9;
+const int OPT_SOURCE = 16;
+const int FEEDER_LINES = 750;
+
+
+struct JobFault {
+    const char* szName;
+    const char* szFault;   // ends the job after page 2 of 4
+    const char* szEvents;  // from the job's start to the front end's cancel
+    int iFirstPage;        // the next starts on the kept handle deliver pages from this one on
+};
+
+void PrintTo(const JobFault& c, std::ostream* os) { *os << c.szName; }
+
+class FeederJobFault : public HandleTest, public ::testing::WithParamInterface<JobFault> {
+protected:
+    // Starts and reads one page of the job; its bytes, or the start's status.
+    SANE_Status page(std::string* data) {
+        SANE_Status s = api.start(h);
+        if (s == SANE_STATUS_GOOD) {
+            EXPECT_EQ(SANE_STATUS_EOF, readToEnd(data));
+        }
+        return s;
+    }
+    void expectPage(const std::string& data, int p) {
+        e2e::Window w = e2e::lastWindow(api.events());
+        ASSERT_TRUE(w.bFound);
+        e2e::Pnm img;
+        img.cKind = '6';
+        img.iWidth = this->p.pixels_per_line;
+        img.iHeight = this->p.lines;
+        img.szData = data;
+        const e2e::Window page = e2e::pageWindow(w, p);
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(page, row); })) << "page " << p;
+    }
+};
+
+// A fault after page 2 of 4: the start reports an I/O error, the scanner is
+// unlocked and released, and the kept handle then delivers what the job left:
+// the ended pages, then the sheets the job never reached, then the empty feeder.
+// Closing leaves nothing in the temporary directory.
+TEST_P(FeederJobFault, TheNextBatchOnTheHandleWorksAndNothingIsLeft) {
+    const JobFault& c = GetParam();
+    ASSERT_TRUE(api.bOk) << "the built backend or simulator could not be loaded";
+    qt::TempDir dir, tmp;
+    qt::writeFile(dir.file("quarto.conf"), qt::SaneEnv::expand(e2e::MODELS_CONF));
+    qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
+    qt::ScopedEnv tmpdir("TMPDIR", tmp.path().c_str());
+    ASSERT_EQ(0, api.load_text(q5100Scenario(std::string("  sheets 4\n  multipage on\n  fault ") + c.szFault + " " +
+                                             std::to_string(2 * FEEDER_LINES) + "\n")
+                                   .c_str()));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.open("libusb/001/004", &h));
+    char size[] = "3x5 Photo", source[] = "Automatic Document Feeder";
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_ORIGINAL_SIZE, SANE_ACTION_SET_VALUE, size, nullptr));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_SOURCE, SANE_ACTION_SET_VALUE, source, nullptr));
+    SANE_Word dpi = 150;
+    ASSERT_EQ(SANE_STATUS_GOOD, api.control_option(h, OPT_RESOLUTION, SANE_ACTION_SET_VALUE, &dpi, nullptr));
+    ASSERT_EQ(SANE_STATUS_GOOD, api.get_parameters(h, &p));
+    ASSERT_EQ(FEEDER_LINES, p.lines);
+
+    api.clear_record();
+    std::string data;
+    EXPECT_EQ(SANE_STATUS_IO_ERROR, page(&data));
+    api.cancel(h);
+    EXPECT_EQ(c.szEvents, joined(scanEvents(api.events()))) << api.events();
+    EXPECT_EQ(2, api.feeder_sheets(0));
+
+    api.set_fault(0, c.szFault, -1);
+    for (int p = c.iFirstPage; p <= 4; ++p) {
+        data.clear();
+        ASSERT_EQ(SANE_STATUS_GOOD, page(&data)) << "page " << p;
+        expectPage(data, p);
+    }
+    EXPECT_EQ(SANE_STATUS_NO_DOCS, page(&data));
+    api.cancel(h);
+    api.close(h);
+    h = nullptr;
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
+}
+
+// Pages ended before the fault stay cached; an unknown status or a message
+// that is no scan record ends the job the same way.
+INSTANTIATE_TEST_SUITE_P(
+    AfterPage2Of4, FeederJobFault,
+    ::testing::Values(JobFault{"PaperJam", "jam", "STATUS LOCK START scan end status=5 UNLOCK release close", 1},
+                      JobFault{"OutOfMemory", "oom", "STATUS LOCK START scan end status=2 UNLOCK release close", 1},
+                      JobFault{"UnknownStatus", "bad_status", "STATUS LOCK START scan end status=90 UNLOCK release close", 1},
+                      JobFault{"ReadTimeout", "stall", "STATUS LOCK START scan end stalled UNLOCK release close", 1}),
+    [](const ::testing::TestParamInfo<JobFault>& info) { return std::string(info.param.szName); });
+
+// scanimage --batch over four sheets writes each page into FIFOs planted
+// where it writes its pages ("page-N.pnm.part"), so the test reads page 1
+// whole and stops scanimage with Ctrl-C in the middle of page 2: while the
+// FIFO is not read the scan cannot move on.
+struct BatchInterrupted {
+    int iStatus = -1;
+    std::vector<std::string> vPages;  // what each FIFO delivered
+    std::string szErr;
+};
+
+BatchInterrupted batchInterrupted(const qt::SaneEnv& sane, const std::vector<std::string>& args,
+                                  const std::vector<std::string>& extraEnv, const std::string& pageFormat,
+                                  size_t secondPageBytes, int timeoutSeconds) {
+    BatchInterrupted r;
+    char path[512];
+    for (int p = 1; p <= 2; ++p) {
+        snprintf(path, sizeof(path), pageFormat.c_str(), p);
+        if (mkfifo((std::string(path) + ".part").c_str(), 0600) != 0) return r;
+    }
+    std::string errFile = sane.file("scanimage.err");
+    int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    std::vector<std::string> argv = {"scanimage"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    qt::ChildFds fds;
+    fds.err = errFd;
+    pid_t pid = qt::spawnProgram(argv, sane.env(extraEnv), fds);
+    if (errFd >= 0) close(errFd);
+    if (pid < 0) return r;
+    const time_t deadline = time(nullptr) + timeoutSeconds;
+    char buf[65536];
+    for (int p = 1; p <= 2; ++p) {
+        snprintf(path, sizeof(path), pageFormat.c_str(), p);
+        int fd = open((std::string(path) + ".part").c_str(), O_RDONLY | O_NONBLOCK);
+        if (fd < 0) break;
+        std::string data;
+        bool signalled = false;
+        while (time(nullptr) <= deadline) {
+            if (p == 2 && !signalled && data.size() >= secondPageBytes) {
+                kill(pid, SIGINT);
+                signalled = true;
+            }
+            // Before scanimage opens the FIFO nothing is reported; once it has
+            // closed it, the end of file is.
+            struct pollfd pfd = {fd, POLLIN, 0};
+            if (poll(&pfd, 1, 200) <= 0) continue;
+            ssize_t n = read(fd, buf, sizeof(buf));
+            if (n > 0) data.append(buf, (size_t)n);
+            if (n == 0) break;
+        }
+        close(fd);
+        r.vPages.push_back(data);
+    }
+    r.iStatus = qt::waitProgram(pid, (int)std::max<time_t>(1, deadline - time(nullptr)));
+    r.szErr = qt::readFile(errFile);
+    return r;
+}
+
+TEST(UserInterrupts, CtrlCInTheMiddleOfAFeederJobUnlocksAndLeavesNothing) {
+    qt::TempDir dir, tmp;
+    const std::string scenario = dir.file("sim.scn");
+    qt::writeFile(scenario, q5100Scenario("  sheets 4\n  multipage on\n"));
+    qt::SaneEnv sane(e2e::MODELS_CONF, scenario);
+    const std::vector<std::string> page = {"-d", DEVICE, "--format=pnm", "--original-size", "3x5 Photo", "--source",
+                                           "Automatic Document Feeder", "--scan-resolution", "150"};
+    std::vector<std::string> args = page;
+    args.push_back("--batch=" + dir.file("page-%d.pnm"));
+    // 3x5 inch at 150 dpi in colour: 450 x 750 pixels, 1 MB a page.
+    BatchInterrupted r = batchInterrupted(sane, args, {"TMPDIR=" + tmp.path()}, dir.file("page-%d.pnm"), 4096, 60);
+    EXPECT_NE(0, r.iStatus) << r.szErr;
+    EXPECT_NE(std::string::npos, r.szErr.find("received signal 2")) << r.szErr;
+    ASSERT_EQ(2u, r.vPages.size()) << r.szErr;
+    e2e::Pnm img;
+    std::string why;
+    ASSERT_TRUE(e2e::parsePnm(r.vPages[0], &img, &why)) << why;
+    e2e::Window w = e2e::lastWindow(qt::readFile(sane.simLogPath()));
+    EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(e2e::pageWindow(w, 1), row); }));
+    EXPECT_GE(r.vPages[1].size(), (size_t)4096);
+    EXPECT_LT(r.vPages[1].size(), img.szData.size());
+
+    // One job; page 1 unlocked the scanner, the cancel in page 2 stops and
+    // unlocks again, the scanner is released, the job directory is gone.
+    std::string log = qt::readFile(sane.simLogPath());
+    EXPECT_EQ("STATUS LOCK START scan end status=1 UNLOCK CANCEL cancel UNLOCK release close", joined(scanEvents(log)))
+        << log;
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
+
+    // A new run empties the (again loaded) feeder.
+    qt::TempDir again;
+    args = page;
+    args.push_back("--batch=" + again.file("page-%d.pnm"));
+    std::string out, err;
+    EXPECT_EQ(0, sane.scanimage(args, &out, &err, {"TMPDIR=" + tmp.path()}, 60)) << err;
+    EXPECT_EQ(4u, qt::listDir(again.path()).size());
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty());
+}
 
 }  // namespace

@@ -230,4 +230,35 @@ int Decoder::decode(const uint8_t* data, int len, uint8_t* out, int width, int h
     return 0;
 }
 
+static uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+
+int decodeStream(const uint8_t* data, size_t len, int planes, std::vector<uint8_t>* image, int* width) {
+    const size_t HEADER = 16;
+    Decoder ref(true);
+    std::vector<uint8_t> band;
+    *width = -1;
+    for (size_t pos = 0; pos < len;) {
+        if (len - pos < HEADER) return -1;
+        const uint8_t* h = data + pos;
+        const uint32_t size = be32(h), lines = be32(h + 4), w = be32(h + 8), quality = be32(h + 12);
+        if (size < HEADER || size > len - pos || lines == 0 || lines > 65536 || w == 0 || w > 65536) return -1;
+        if (*width < 0) *width = int(w);
+        if (int(w) != *width) return -1;
+        const long padded = (long(w) + 7) / 8 * 8, paddedLines = (long(lines) + 7) / 8 * 8;
+        band.assign(size_t(padded * paddedLines * planes), 0);
+        ref.setQuality(int(quality), int(quality));
+        int produced;
+        long bits;
+        int rc = ref.decode(h + HEADER, int(size - HEADER), band.data(), int(padded), int(paddedLines), planes,
+                            &produced, &bits);
+        if (rc) return rc;
+        for (uint32_t y = 0; y < lines; ++y) {
+            const uint8_t* row = band.data() + y * padded * planes;
+            image->insert(image->end(), row, row + long(w) * planes);
+        }
+        pos += size;
+    }
+    return 0;
+}
+
 }  // namespace wicketref

@@ -6,6 +6,7 @@
 #ifndef QUARTO_WICKETREFERENCE_H
 #define QUARTO_WICKETREFERENCE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -60,6 +61,13 @@ private:
     long iUsed = 0;
     int32_t aiPred[3] = {0, 0, 0};
 };
+
+// Decodes consecutive bands, each behind its 16-byte big-endian header (size,
+// lines, width, quality), written with byte stuffing: every band is padded to
+// whole blocks as the decoder requires, and its lines, width x planes bytes
+// each, are appended to image. All bands must have the first band's width,
+// which goes to *width. Returns 0, a decoder code, or -1 for a bad header.
+int decodeStream(const uint8_t* data, size_t len, int planes, std::vector<uint8_t>* image, int* width);
 
 }  // namespace wicketref
 

@@ -1,11 +1,13 @@
 #include "testutil.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +26,20 @@ static std::string envOr(const char* name, const char* fallback) {
 
 std::string sourceDir() { return envOr("QUARTO_SOURCE_DIR", "."); }
 std::string binaryDir() { return envOr("QUARTO_BINARY_DIR", "./build"); }
+
+long residentKb(const char* key) {
+    std::string s = readFile("/proc/self/status");
+    size_t pos = s.find(std::string(key) + ":");
+    return pos == std::string::npos ? -1 : atol(s.c_str() + pos + strlen(key) + 1);
+}
+
+bool resetResidentPeak() {
+    int fd = open("/proc/self/clear_refs", O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = write(fd, "5", 1) == 1;
+    close(fd);
+    return ok;
+}
 
 TempDir::TempDir() {
     std::string tmpl = envOr("TMPDIR", "/tmp") + "/quarto-test-XXXXXX";
@@ -56,6 +72,17 @@ std::string readFile(const std::string& path) {
 bool fileExists(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> listDir(const std::string& path) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(path.c_str())) {
+        while (struct dirent* e = readdir(d))
+            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 static std::string drain(int fd) {

@@ -31,6 +31,8 @@ private:
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
+// The names in a directory, sorted, without "." and ".."; empty when it cannot be read.
+std::vector<std::string> listDir(const std::string& path);
 
 // Runs argv (no shell) with extra environment entries "K=V"; returns the exit
 // status (or 128 + signal), stdout and stderr captured into the strings given.
@@ -53,6 +55,13 @@ pid_t spawnProgram(const std::vector<std::string>& argv, const std::vector<std::
 // Waits at most timeoutSeconds for pid, then kills it (and its group when
 // asked); returns the exit status, 128 + signal, or -1.
 int waitProgram(pid_t pid, int timeoutSeconds, bool group = false);
+
+// Resident memory of this process in kB from /proc/self/status: key "VmHWM"
+// (the peak) or "VmRSS" (now); -1 when unknown.
+long residentKb(const char* key);
+// Restarts the peak (VmHWM) from the current resident size; false when the
+// kernel does not offer that.
+bool resetResidentPeak();
 
 // Captures what the calling process writes to standard error while alive.
 class StderrCapture {

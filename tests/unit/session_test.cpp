@@ -254,7 +254,8 @@ INSTANTIATE_TEST_SUITE_P(
                       ReplyCase{128, 132, SANE_STATUS_IO_ERROR, true, true},
                       ReplyCase{135, 128, SANE_STATUS_GOOD, true, false}));
 
-// The feeder of the 5100 (limit 300 dpi) in each state it reports.
+// The feeder of the 5100 (limit 300 dpi) in each state it reports, one sheet
+// per scan.
 struct FeederCase {
     int state;
     int dpi;
@@ -267,7 +268,8 @@ class Feeder : public SessionTest, public ::testing::WithParamInterface<FeederCa
 
 TEST_P(Feeder, StateAndResolutionDecideTheStart) {
     const FeederCase& c = GetParam();
-    Rig rig(st::Q5100, "", "feeder " + std::to_string(c.state) + "\n");
+    // One sheet per scan, as the 5100 scans with the multi-page job switched off.
+    Rig rig(st::Q5100, "[INTEGERS]\nUSB_MULTIPAGE_FLAG=0\n", "feeder " + std::to_string(c.state) + "\n");
     ASSERT_TRUE(rig.loaded);
     ASSERT_EQ(SANE_STATUS_GOOD, open());
     ASSERT_EQ(SANE_STATUS_GOOD, setString(st::OPT_SOURCE, "Automatic Document Feeder"));

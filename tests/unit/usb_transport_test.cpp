@@ -118,7 +118,7 @@ protected:
     }
     // Compressed mode with the image geometry the band decoder reads.
     void compressedImage(int pixels, int lines, int depth) {
-        options({{"COMPRESSION", 1}, {"PIXELS_PER_LINE", pixels}, {"SCANHEIGHT", lines}, {"COLORDEPTH", depth}});
+        options({{"COMPRESSION", 1}, {"PIXELS_PER_LINE", pixels}, {"LINES", lines}, {"COLORDEPTH", depth}});
     }
 
     std::string events() { return usbsim_events(); }
@@ -853,7 +853,26 @@ BandCase colourCase() {
     return BandCase{"colour_one_band", 2, 10, 3, {w.band(3, 10, 50)}, image};
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands, ::testing::Values(greyCase(), colourCase()),
+// Grey, 20 x 12 from one band of 8 lines: of the image's width (decoded in
+// place) or 16 pixels wide (the rest of each line blank); the lines no band
+// reaches stay blank either way.
+BandCase shortCase(const char* label, unsigned bandWidth) {
+    BandWriter w;
+    lumBlock(w, 5, 3);
+    lumBlock(w, -8, 4);
+    if (bandWidth > 16) lumBlock(w, 3, 2);
+    Bytes image;
+    for (int y = 0; y < 12; ++y)
+        for (int x = 0; x < 20; ++x) {
+            static const int top[3] = {138, 122, 128};
+            image.push_back((unsigned char)(y >= 8 || x >= (int)bandWidth ? 0 : top[x / 8]));
+        }
+    return BandCase{label, 1, 20, 12, {w.band(8, bandWidth, 50)}, image};
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands,
+                         ::testing::Values(greyCase(), colourCase(), shortCase("full_width_then_nothing", 20),
+                                           shortCase("narrow_band_then_nothing", 16)),
                          [](const ::testing::TestParamInfo<BandCase>& i) { return std::string(i.param.label); });
 
 TEST_F(UsbTest, CorruptBandIsADecodingError) {

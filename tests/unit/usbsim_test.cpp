@@ -41,13 +41,17 @@ void putLE(Bytes& b, size_t off, uint32_t v, int n) {
 struct Win {
     int color;
     uint32_t width, lines, x, y;
+    int source = 0;
+    int compression = 0;
 };
 
 Bytes settingsRequest(unsigned char code, int dataLen, const Win& w) {
     Bytes b(8 + dataLen, 0);
     b[0] = 0x1B, b[1] = 0x53, b[2] = code, b[4] = static_cast<unsigned char>(dataLen), b[6] = 0x80;
     b[8] = static_cast<unsigned char>(w.color);
+    b[9] = static_cast<unsigned char>(w.compression);
     b[11] = 3;
+    if (dataLen > 24) b[32] = static_cast<unsigned char>(w.source);
     putLE(b, 12, w.width, 4);
     putLE(b, 16, w.lines, 4);
     putLE(b, 20, w.x, 4);
@@ -292,12 +296,14 @@ TEST_F(Sim, InterleavedLinesFollowTheirRecord) {
     EXPECT_EQ(toHex(Bytes(got[2].begin() + 10, got[2].end())), "eeee000204" "eeee0103ee");
 }
 
-TEST_F(Sim, PagesAreSeparatedByPageEndRecords) {
+// Page p is the formula at X + 64 (p - 1): grey x + 2y from 0, then from 64.
+TEST_F(Sim, PagesAreSeparatedByPageEndRecordsAndShiftedBy64Columns) {
     device(500, "  pages 2\n");
     std::vector<Bytes> got = scan(500, Win{2, 4, 2, 0, 0});
     ASSERT_EQ(got.size(), 5u);
+    EXPECT_EQ(toHex(Bytes(got[1].begin() + 31, got[1].end())), "00010203" "02030405");
     EXPECT_EQ(toHex(got[2]), "1b530200020000000700");
-    EXPECT_EQ(got[3], got[1]);
+    EXPECT_EQ(toHex(Bytes(got[3].begin() + 31, got[3].end())), "40414243" "42434445");
     EXPECT_EQ(toHex(got[4]), "1b530200020000000100");
 }
 
@@ -335,8 +341,27 @@ TEST_P(PageEnd, RecordAfterTheGivenLines) {
 INSTANTIATE_TEST_SUITE_P(Faults, PageEnd,
                          ::testing::Values(EndCase{"abort", "1b530200020000000300"},
                                            EndCase{"device_abort", "1b530200020000000400"},
-                                           EndCase{"jam", "1b530200020000000500"}),
+                                           EndCase{"jam", "1b530200020000000500"},
+                                           EndCase{"oom", "1b530200020000000200"},
+                                           EndCase{"comm_error", "1b530200020000000600"},
+                                           EndCase{"bad_status", "1b530200020000005a00"},
+                                           EndCase{"not_record", "1b53040000008000"}),
                          [](const ::testing::TestParamInfo<EndCase>& i) { return std::string(i.param.fault); });
+
+// Stall and unplug end the stream without a record: the next read times out,
+// or finds the device gone.
+TEST_F(Sim, StallAndUnplugAfterTheGivenLines) {
+    for (const auto& c : {std::make_pair("stall", -ETIMEDOUT), std::make_pair("unplug_lines", -ENODEV)}) {
+        device(326, std::string("  block 25\n  fault ") + c.first + " 3\n");
+        send(settingsRequest(0x01, 24, Win{2, 10, 8, 0, 0}));
+        char buf[64];
+        std::vector<int> sizes;
+        for (int i = 0; i < 4; ++i) sizes.push_back(usb_bulk_read(h, EP_IN, buf, sizeof buf, 1000));
+        EXPECT_EQ(sizes, (std::vector<int>{8, 34, 14, c.second})) << c.first;
+        usb_close(h);
+        h = nullptr;
+    }
+}
 
 TEST_F(Sim, UnplugEndsTheHandleAndTheListingOnTheNextScan) {
     device(500, "  fault unplug 2\n");
@@ -351,6 +376,84 @@ TEST_F(Sim, UnplugEndsTheHandleAndTheListingOnTheNextScan) {
     EXPECT_EQ(find("001", "004"), nullptr);
     ASSERT_EQ(usbsim_replug(0, "002", "011"), 0);
     EXPECT_EQ(send(status), -ENODEV);  // the old handle stays dead
+}
+
+// ------------------------------------------------------------------ feeder
+
+// Job messages: 1B 53 02 00 <n LE16> 00 00 <status> 00 <payload>, n = 2 +
+// payload; page p at X + 64 (p - 1); byte 7 of replies 2 while sheets remain.
+TEST_F(Sim, JobTakesEverySheetInFramedMessages) {
+    device(500, "  sheets 2\n  block 5\n");
+    std::vector<Bytes> got = scan(500, Win{2, 4, 2, 0, 0, 3});
+    std::vector<std::string> hexes;
+    for (const Bytes& b : got) hexes.push_back(toHex(b));
+    EXPECT_EQ(hexes, (std::vector<std::string>{
+                         "1b53010000008002", "1b530200020000000800",                              // START, job start
+                         "1b530200020000000900", "1b530200070000000000" "0001020302",             // page 1
+                         "1b530200050000000000" "030405", "1b530200020000000700",
+                         "1b530200020000000900", "1b530200070000000000" "4041424342",             // page 2
+                         "1b530200050000000000" "434445", "1b530200020000000700",
+                         "1b530200020000000100"}));
+    EXPECT_EQ(usbsim_feeder_sheets(0), 0);
+    send(hex("1b53040000008000"));
+    EXPECT_EQ(toHex(drain().at(0)), "1b53040000008001");  // empty now
+    got = scan(500, Win{2, 4, 2, 0, 0, 3});
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(toHex(got[0]), "1b53010000008101");  // refused, feeder empty
+}
+
+// A single-page feeder scan takes one sheet; a job stopped after page 1 leaves
+// the sheets it did not reach, and the page count goes on.
+TEST_F(Sim, SheetsTakenOneByOneAndLeftByAStoppedJob) {
+    device(500, "  sheets 3\n  multipage on\n  fault jam 2\n");
+    std::vector<Bytes> got = scan(500, Win{2, 4, 2, 0, 0, 4});
+    ASSERT_EQ(got.size(), 6u);  // START, job start, page start, fragment, page end, jam
+    EXPECT_EQ(toHex(got[3]), "1b5302000a0000000000" "0001020302030405");
+    EXPECT_EQ(toHex(got[4]), "1b530200020000000700");
+    EXPECT_EQ(toHex(got[5]), "1b530200020000000500");
+    EXPECT_EQ(usbsim_feeder_sheets(0), 2);
+    scan(500, Win{2, 4, 1, 0, 0, 1});  // the flatbed draws no sheet
+    EXPECT_EQ(usbsim_feeder_sheets(0), 2);
+    usb_close(h);
+    h = nullptr;
+
+    device(402, "  sheets 2\n");
+    for (const char* page : {"00010203", "40414243"}) {
+        got = scan(402, Win{2, 4, 1, 0, 0, 4});
+        ASSERT_EQ(got.size(), 3u);
+        EXPECT_EQ(toHex(Bytes(got[1].begin() + 10, got[1].end())), page);
+    }
+    EXPECT_EQ(toHex(scan(402, Win{2, 4, 1, 0, 0, 4}).at(0)), "1b53010000008101");
+    ASSERT_EQ(usbsim_load_feeder(0, 1), 0);  // p starts at 1 again
+    got = scan(402, Win{2, 4, 1, 0, 0, 4});
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(toHex(Bytes(got[1].begin() + 10, got[1].end())), "00010203");
+}
+
+// Compressed: band bytes go in plain transfers, exactly the bytes of the band
+// file; each band a big-endian header of size, lines, width and quality.
+TEST_F(Sim, CompressedScanSendsTheBandsOfTheBandFile) {
+    qt::TempDir dir;
+    ASSERT_EQ(usbsim_set_band_file(dir.file("bands").c_str()), 0);
+    device(500, "  wicket quality=90 band=8\n  block 700\n");
+    std::vector<Bytes> got = scan(500, Win{3, 40, 20, 5, 7, 1, 1});
+    usbsim_set_band_file(nullptr);
+    ASSERT_GE(got.size(), 3u);
+    EXPECT_EQ(toHex(got.back()), "1b530200020000000100");
+    Bytes sent;
+    for (size_t i = 1; i + 1 < got.size(); ++i) {
+        EXPECT_LE(got[i].size(), 700u);
+        sent.insert(sent.end(), got[i].begin(), got[i].end());
+    }
+    const std::string file = qt::readFile(dir.file("bands"));
+    EXPECT_EQ(toHex(sent), toHex(Bytes(file.begin(), file.end())));
+    std::vector<std::string> headers;
+    for (size_t pos = 0; pos + 16 <= sent.size();) {
+        headers.push_back(toHex(Bytes(sent.begin() + (long)pos + 4, sent.begin() + (long)pos + 16)));
+        pos += (size_t)sent[pos] << 24 | (size_t)sent[pos + 1] << 16 | (size_t)sent[pos + 2] << 8 | sent[pos + 3];
+    }
+    EXPECT_EQ(headers, (std::vector<std::string>{"00000008" "00000028" "0000005a", "00000008" "00000028" "0000005a",
+                                                 "00000004" "00000028" "0000005a"}));
 }
 
 // ------------------------------------------------------------------ records

@@ -3,9 +3,11 @@
 // decompressor's ring buffer, the encoder round trip and the quarto-wicket tool.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -848,16 +850,33 @@ protected:
         std::string o, e;
         return qt::runProgram(argv, {}, out ? out : &o, err ? err : &e, 60);
     }
+    // Names in the directory, sorted.
+    std::vector<std::string> files() {
+        std::vector<std::string> names;
+        DIR* d = opendir(dir.path().c_str());
+        while (struct dirent* e = d ? readdir(d) : nullptr)
+            if (e->d_name[0] != '.') names.push_back(e->d_name);
+        if (d) closedir(d);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
     qt::TempDir dir;
 };
 
+// The output replaces what is at OUT, a symbolic link included, and never
+// writes through it.
 TEST_F(Tool, EncodesAndDecodesAnImageFile) {
+    qt::writeFile(dir.file("target"), "keep");
     for (int channels : {1, 3}) {
         Bytes img = makeImage(70, 45, channels, 8, 0);
         qt::writeFile(dir.file("in.pnm"), pnm(img, 70, 45, channels));
         ASSERT_EQ(run({"encode", "--quality", "90", "--band-lines", "16", dir.file("in.pnm"), dir.file("s.wkt")}), 0);
         std::string ch = std::to_string(channels);
+        unlink(dir.file("out.pnm").c_str());
+        ASSERT_EQ(symlink(dir.file("target").c_str(), dir.file("out.pnm").c_str()), 0);
         ASSERT_EQ(run({"decode", "--channels", ch, dir.file("s.wkt"), dir.file("out.pnm")}), 0);
+        EXPECT_EQ(qt::readFile(dir.file("target")), "keep");
+        EXPECT_EQ(files(), (std::vector<std::string>{"in.pnm", "out.pnm", "s.wkt", "target"}));
         std::string out = qt::readFile(dir.file("out.pnm"));
         std::string head = std::string(channels == 3 ? "P6" : "P5") + "\n70 45\n255\n";
         ASSERT_EQ(out.compare(0, head.size(), head), 0);
@@ -899,7 +918,7 @@ TEST_P(ToolFailures, NameTheChunkAndOffsetAndWriteNothing) {
     std::string err;
     EXPECT_EQ(run({"decode", dir.file("bad.wkt"), dir.file("out.ppm")}, nullptr, &err), 1);
     EXPECT_NE(err.find(GetParam().message), std::string::npos) << err;
-    EXPECT_FALSE(qt::fileExists(dir.file("out.ppm")));
+    EXPECT_EQ(files(), std::vector<std::string>{"bad.wkt"});  // no output, no temporary file
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -1,6 +1,7 @@
 // quarto-wicket: decodes a Wicket stream (chunks with their 16-byte headers) to
 // a PGM/PPM image, or encodes such an image into a Wicket stream.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,7 +36,8 @@ const char USAGE[] =
     "      chunks of N lines (default 32) at quality Q (1..100, default 75).\n"
     "  quarto-wicket --help\n"
     "Truncated or corrupt input is reported with the chunk index and its byte\n"
-    "offset; the exit status is then 1 and OUT is not written.\n";
+    "offset; the exit status is then 1 and OUT is not written. OUT is written\n"
+    "as a new file next to it and renamed into place once complete.\n";
 
 int usage(const char* message) {
     if (message) fprintf(stderr, "quarto-wicket: %s\n", message);
@@ -50,6 +52,9 @@ bool readFile(const char* path, std::vector<uint8_t>& data) {
         return false;
     }
     data.clear();
+    struct stat sb;
+    if (fstat(fd, &sb) == 0 && S_ISREG(sb.st_mode) && sb.st_size > 0 && sb.st_size <= MAX_IMAGE_BYTES)
+        data.reserve(size_t(sb.st_size));
     uint8_t buf[65536];
     for (;;) {
         ssize_t n = read(fd, buf, sizeof(buf));
@@ -71,18 +76,54 @@ bool readFile(const char* path, std::vector<uint8_t>& data) {
     return true;
 }
 
-bool writeFile(const char* path, const std::vector<uint8_t>& head, const std::vector<uint8_t>& body) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        fprintf(stderr, "quarto-wicket: cannot create %s: %s\n", path, strerror(errno));
+// The output file, written as a new file next to OUT (created with O_EXCL, so
+// never through a link or into a file that exists) and renamed to OUT only
+// when complete: an error on the way leaves OUT as it was and removes the rest.
+class Output {
+public:
+    explicit Output(const char* path) : szPath(path), szTemp(std::string(path) + ".XXXXXX") {}
+    ~Output() {
+        if (iFd >= 0) close(iFd);
+        if (bCreated) unlink(szTemp.c_str());
+    }
+    bool create() {
+        iFd = mkostemp(&szTemp[0], O_CLOEXEC);
+        if (iFd < 0) return fail("create");
+        bCreated = true;
+        // mkostemp makes the file 0600; give it what a plain create would.
+        mode_t mask = umask(0);
+        umask(mask);
+        if (fchmod(iFd, 0644 & ~mask) != 0) return fail("create");
+        return true;
+    }
+    bool write(const uint8_t* data, size_t len) {
+        while (len > 0) {
+            ssize_t n = ::write(iFd, data, len);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return fail("write");
+            data += n;
+            len -= size_t(n);
+        }
+        return true;
+    }
+    bool commit() {
+        int fd = iFd;
+        iFd = -1;
+        if (close(fd) != 0) return fail("write");
+        if (rename(szTemp.c_str(), szPath.c_str()) != 0) return fail("write");
+        bCreated = false;
+        return true;
+    }
+
+private:
+    bool fail(const char* what) {
+        fprintf(stderr, "quarto-wicket: cannot %s %s: %s\n", what, szPath.c_str(), strerror(errno));
         return false;
     }
-    bool ok = writeDataToFile(fd, head.data(), unsigned(head.size())) == 0 &&
-              writeDataToFile(fd, body.data(), unsigned(body.size())) == 0;
-    if (close(fd) != 0) ok = false;
-    if (!ok) fprintf(stderr, "quarto-wicket: cannot write %s\n", path);
-    return ok;
-}
+    std::string szPath, szTemp;
+    int iFd = -1;
+    bool bCreated = false;
+};
 
 int chunkError(int index, long offset, const std::string& what) {
     fprintf(stderr, "quarto-wicket: chunk %d at byte offset %ld: %s\n", index, offset, what.c_str());
@@ -100,16 +141,22 @@ std::string codeText(int rc) {
     }
 }
 
-int decodeCommand(int channels, bool stuffing, const char* inPath, const char* outPath) {
-    std::vector<uint8_t> in;
-    if (!readFile(inPath, in)) return EXIT_DATA_ERROR;
-    Wicket wicket(stuffing ? 1 : 0);
-    std::vector<uint8_t> image, band;
-    long width = -1, height = 0;
-    long offset = 0;
-    int index = 0;
+struct Chunk {
+    long lOffset;
+    uint32_t uSize, uLines, uQuality;
+};
+
+// Walks the chunk headers before anything is decoded: every chunk must be
+// whole, of the first chunk's width and of a size the decoder can hold, so
+// that the image's height is known for the output header. 0, or the exit
+// status after the message.
+int readChunks(const std::vector<uint8_t>& in, int channels, bool stuffing, std::vector<Chunk>& chunks, long& width,
+               long& height) {
+    width = -1;
+    height = 0;
     const long size = long(in.size());
-    while (offset < size) {
+    for (long offset = 0; offset < size;) {
+        const int index = int(chunks.size());
         const uint8_t* h = in.data() + offset;
         if (size - offset < WICKET_HEADER_SIZE)
             return chunkError(index, offset, "truncated header (" + std::to_string(size - offset) + " of 16 bytes)");
@@ -136,31 +183,57 @@ int decodeCommand(int channels, bool stuffing, const char* inPath, const char* o
         long rowBytes = long(w) * channels;
         if (paddedLines > MAX_IMAGE_BYTES / (paddedWidth * channels) || height + long(lines) > MAX_IMAGE_BYTES / rowBytes)
             return chunkError(index, offset, "image too large");
-        long bandBytes = paddedWidth * paddedLines * channels;
-        band.assign(size_t(bandBytes), 0);
-        wicket.QualityFactor(int(quality));
+        chunks.push_back(Chunk{offset, chunkSize, lines, quality});
+        height += lines;
+        offset += chunkSize;
+    }
+    if (chunks.empty()) return chunkError(0, 0, "no chunk in the input");
+    return 0;
+}
+
+// Decodes chunk by chunk and writes each band's rows as soon as it is decoded,
+// so only one band is ever held.
+int decodeCommand(int channels, bool stuffing, const char* inPath, const char* outPath) {
+    std::vector<uint8_t> in;
+    if (!readFile(inPath, in)) return EXIT_DATA_ERROR;
+    std::vector<Chunk> chunks;
+    long width = 0, height = 0;
+    if (int rc = readChunks(in, channels, stuffing, chunks, width, height)) return rc;
+
+    Output out(outPath);
+    const std::string head =
+        (channels == 3 ? "P6\n" : "P5\n") + std::to_string(width) + " " + std::to_string(height) + "\n255\n";
+    if (!out.create() || !out.write(reinterpret_cast<const uint8_t*>(head.data()), head.size()))
+        return EXIT_DATA_ERROR;
+    Wicket wicket(stuffing ? 1 : 0);
+    const long align = wicketLineAlign(stuffing ? 1 : 0, channels);
+    const long paddedWidth = (width + align - 1) / align * align;
+    const long rowBytes = width * channels, paddedRowBytes = paddedWidth * channels;
+    std::vector<uint8_t> band;
+    for (size_t index = 0; index < chunks.size(); ++index) {
+        const Chunk& c = chunks[index];
+        const long paddedLines = (long(c.uLines) + WICKET_BLOCK - 1) / WICKET_BLOCK * WICKET_BLOCK;
+        const long bandBytes = paddedRowBytes * paddedLines;
+        // The decoder writes every byte of the padded band, so the buffer is
+        // only ever grown, never cleared.
+        if (band.size() < size_t(bandBytes)) band.resize(size_t(bandBytes));
+        wicket.QualityFactor(int(c.uQuality));
         int produced = 0, used = 0;
-        const uint8_t* data = h + WICKET_HEADER_SIZE;
-        int dataLen = int(chunkSize) - WICKET_HEADER_SIZE;
+        const uint8_t* data = in.data() + c.lOffset + WICKET_HEADER_SIZE;
+        int dataLen = int(c.uSize) - WICKET_HEADER_SIZE;
         int rc = channels == 3
                      ? wicket.DecompressThreePlanes(data, dataLen, band.data(), bandBytes, int(paddedWidth),
                                                     int(paddedLines), &produced, &used)
                      : wicket.DecompressOnePlane(data, dataLen, band.data(), bandBytes, int(paddedWidth),
                                                  int(paddedLines), &produced, &used);
-        if (rc != 0) return chunkError(index, offset, codeText(rc));
-        for (long y = 0; y < long(lines); ++y) {
-            const uint8_t* row = band.data() + y * paddedWidth * channels;
-            image.insert(image.end(), row, row + rowBytes);
-        }
-        height += lines;
-        offset += chunkSize;
-        ++index;
+        if (rc != 0) return chunkError(int(index), c.lOffset, codeText(rc));
+        // Rows move up over the padding so the band's lines go out in one write.
+        if (paddedRowBytes != rowBytes)
+            for (long y = 1; y < long(c.uLines); ++y)
+                memmove(band.data() + y * rowBytes, band.data() + y * paddedRowBytes, size_t(rowBytes));
+        if (!out.write(band.data(), size_t(rowBytes) * c.uLines)) return EXIT_DATA_ERROR;
     }
-    if (index == 0) return chunkError(0, 0, "no chunk in the input");
-    std::string head = (channels == 3 ? "P6\n" : "P5\n") + std::to_string(width) + " " + std::to_string(height) +
-                       "\n255\n";
-    if (!writeFile(outPath, std::vector<uint8_t>(head.begin(), head.end()), image)) return EXIT_DATA_ERROR;
-    return 0;
+    return out.commit() ? 0 : EXIT_DATA_ERROR;
 }
 
 // Reads one header token of a PNM file, skipping blanks and comments.
@@ -206,9 +279,9 @@ int encodeCommand(int quality, int bandLines, bool stuffing, const char* inPath,
     options.iQuality = quality;
     options.iBandLines = bandLines;
     options.bStuffing = stuffing;
-    std::vector<uint8_t> out = wicketEncodeImage(in.data() + pos, int(width), int(height), channels, options);
-    if (!writeFile(outPath, std::vector<uint8_t>(), out)) return EXIT_DATA_ERROR;
-    return 0;
+    std::vector<uint8_t> stream = wicketEncodeImage(in.data() + pos, int(width), int(height), channels, options);
+    Output out(outPath);
+    return out.create() && out.write(stream.data(), stream.size()) && out.commit() ? 0 : EXIT_DATA_ERROR;
 }
 
 bool parseInt(const char* text, long lo, long hi, int& value) {
