@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,16 +123,6 @@ bool interfaceQualifies(const struct usb_device* dev, int i) {
 }
 
 unsigned roundUp8(unsigned v) { return (v + 7u) & ~7u; }
-
-// Asks the kernel to back the 2 MB-aligned part of a large fresh buffer with
-// huge pages where it allows that (a no-op where it does not): a decoded page
-// of some hundred megabytes then costs one fault per 2 MB, not one per 4 kB.
-void adviseHugePages(void* p, size_t len) {
-    const uintptr_t huge = uintptr_t(2) << 20;
-    const uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
-    const uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
-    if (end > start) madvise((void*)start, end - start, MADV_HUGEPAGE);
-}
 
 }  // namespace
 
@@ -1150,7 +1139,7 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
         LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
         return COMM_STATUS_INVALID_ARG;
     }
-    adviseHugePages(pDecompData.get(), (size_t)imageBytes);
+    utilAdviseHugePages(pDecompData.get(), (size_t)imageBytes);
     pDecompDataPtr = pDecompData.get();
     iDecompSize = rowBytes * lines;
 

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/select.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -108,18 +107,13 @@ const unsigned MAX_BAND_DIMENSION = 1u << 16;
 const long long MAX_BAND_BYTES = 1LL << 26;
 
 // A decoded page buffer: the page and one spare pixel behind it, so that the
-// rotation can take the buffer over. Pages are large (a 600 dpi A4 colour page
-// is 104 MB), so they are asked for in transparent huge pages where the system
-// offers them, which spares most of the page faults of filling them.
+// rotation can take the buffer over; on huge pages where the system allows.
 const long ROTATION_SPARE = 3;
-const size_t HUGE_PAGE = 2u << 20;
 unsigned char* allocPageBuffer(long long bytes) {
     const size_t size = (size_t)bytes + ROTATION_SPARE;
-    void* p = nullptr;
-    if (size < HUGE_PAGE) return (unsigned char*)malloc(size);
-    if (posix_memalign(&p, HUGE_PAGE, size) != 0) return nullptr;
-    madvise(p, size, MADV_HUGEPAGE);
-    return (unsigned char*)p;
+    unsigned char* p = (unsigned char*)malloc(size);
+    if (p != nullptr) utilAdviseHugePages(p, size);
+    return p;
 }
 
 unsigned readBE16(const unsigned char* p, long len, long off) {
