@@ -33,7 +33,8 @@ std::vector<std::string> SaneEnv::env(const std::vector<std::string>& extra) con
 
 int SaneEnv::scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
                        const std::vector<std::string>& extraEnv, int timeoutSeconds) const {
-    std::vector<std::string> argv = {"scanimage"};
+    std::vector<std::string> argv = vLauncher;
+    argv.push_back("scanimage");
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv, env(extraEnv), out, err, timeoutSeconds);
 }

@@ -23,6 +23,10 @@ public:
     std::vector<std::string> env(const std::vector<std::string>& extra = {}) const;
     std::string simLogPath() const { return dir.file("usbsim.log"); }
 
+    // Every front end runs behind this command prefix (for example
+    // "ip netns exec NS ..." to run it inside a network namespace).
+    void setLauncher(const std::vector<std::string>& prefix) { vLauncher = prefix; }
+
     // scanimage with the given arguments; returns its exit status.
     int scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
                   const std::vector<std::string>& extraEnv = {}, int timeoutSeconds = 300) const;
@@ -32,6 +36,7 @@ public:
 private:
     TempDir dir;
     std::string szScenario;
+    std::vector<std::string> vLauncher;
 };
 
 }  // namespace qt
