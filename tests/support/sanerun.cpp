@@ -1,5 +1,7 @@
 #include "sanerun.h"
 
+#include <sstream>
+
 namespace qt {
 
 static void replaceAll(std::string& s, const std::string& from, const std::string& to) {
@@ -37,6 +39,16 @@ int SaneEnv::scanimage(const std::vector<std::string>& args, std::string* out, s
     argv.push_back("scanimage");
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv, env(extraEnv), out, err, timeoutSeconds);
+}
+
+std::vector<std::string> SaneEnv::listDevices(int* rc, std::string* err) const {
+    std::string out;
+    *rc = scanimage({"-L"}, &out, err);
+    std::vector<std::string> lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("device `", 0) == 0) lines.push_back(line);
+    return lines;
 }
 
 }  // namespace qt

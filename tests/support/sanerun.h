@@ -31,6 +31,10 @@ public:
     int scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
                   const std::vector<std::string>& extraEnv = {}, int timeoutSeconds = 300) const;
 
+    // The "device `...' is a ..." lines of scanimage -L, in order; *rc gets
+    // its exit status.
+    std::vector<std::string> listDevices(int* rc, std::string* err = nullptr) const;
+
     static std::string expand(const std::string& text);
 
 private:
