@@ -1,5 +1,8 @@
 #include "netjob.h"
 
+#include "WicketEncoder.h"
+#include "WicketReference.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -68,6 +71,38 @@ NetImage resizePage(const NetImage& img, int srcDpi, int dstDpi) {
             std::copy_n(img.data.begin() + (long)src, bpp,
                         out.data.begin() + (long)(((size_t)y * (size_t)out.iWidth + (size_t)x) * bpp));
         }
+    return out;
+}
+
+NetImage wicketPage(const NetImage& page, int quality, int bandLines) {
+    WicketEncodeOptions opt;
+    opt.iQuality = quality;
+    opt.iBandLines = bandLines;
+    opt.bStuffing = true;
+    const std::vector<uint8_t> bands = wicketEncodeImage(page.data.data(), page.iWidth, page.iHeight, page.iBpp, opt);
+    NetImage out = page;
+    out.data.clear();
+    wicketref::Decoder decoder(true);
+    for (size_t pos = 0; pos + 16 <= bands.size();) {
+        auto be32 = [&](size_t off) {
+            return (int)((uint32_t)bands[pos + off] << 24 | (uint32_t)bands[pos + off + 1] << 16 |
+                         (uint32_t)bands[pos + off + 2] << 8 | bands[pos + off + 3]);
+        };
+        const int size = be32(0), lines = be32(4), width = be32(8), q = be32(12);
+        const int paddedW = (width + 7) / 8 * 8, paddedH = (lines + 7) / 8 * 8;
+        Bytes band((size_t)paddedW * (size_t)paddedH * (size_t)page.iBpp);
+        int produced = 0;
+        long bits = 0;
+        decoder.setQuality(q, q);
+        if (size < 16 || decoder.decode(bands.data() + pos + 16, size - 16, band.data(), paddedW, paddedH, page.iBpp,
+                                        &produced, &bits) != 0)
+            return NetImage();
+        for (int y = 0; y < lines; ++y) {
+            const auto row = band.begin() + (long)y * paddedW * page.iBpp;
+            out.data.insert(out.data.end(), row, row + (long)width * page.iBpp);
+        }
+        pos += (size_t)size;
+    }
     return out;
 }
 

@@ -41,6 +41,10 @@ NetImage rotatePage(const NetImage& img, int angle);
 // srcDpi) * height in integers, pixel (x, y) from (trunc(x / xs), trunc(y / ys)).
 NetImage resizePage(const NetImage& img, int srcDpi, int dstDpi);
 
+// A page as the Wicket path delivers it: the page encoded in bands as the scan
+// program writes it (byte stuffing on), decoded by the reference decoder.
+NetImage wicketPage(const NetImage& page, int quality, int bandLines);
+
 // The program's record: one argument vector per run, as it received them.
 std::vector<std::vector<std::string>> readRecord(const std::string& path);
 
