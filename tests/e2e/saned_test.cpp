@@ -3,7 +3,7 @@
 //
 // The net backend of this SANE release has no port syntax in net.conf: it
 // always connects to the sane-port service (6566). So the test first moves into
-// a network namespace of its own (when it may: root), where 127.0.0.1:6566 is
+// a network namespace of its own (when it may), where 127.0.0.1:6566 is
 // certainly free and no packet can reach any other host; without that right it
 // uses the machine's loopback when 6566 is free there and is skipped otherwise.
 #include <arpa/inet.h>
@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "e2e_scan.h"
-#include "netlab.h"
+#include "netns.h"
 
 namespace {
 
@@ -115,8 +115,7 @@ class SanedScan : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         // saned and the front end started from here inherit the namespace.
-        std::string why;
-        if (qt::enterPrivateNetwork(&why))
+        if (qt::privateNetwork(false))
             fprintf(stderr, "running saned in a private network namespace\n");
         if (!loopbackPortFree(SANE_PORT)) return;
         server.reset(new qt::SaneEnv(e2e::MODELS_CONF, e2e::dataFile("e2e_models.scn")));

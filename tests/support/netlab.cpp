@@ -2,12 +2,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -155,26 +151,6 @@ bool NetLab::startResponder(const std::string& scenarioFile, const std::string& 
     }
     szWhy = "the responder did not start listening";
     return false;
-}
-
-bool enterPrivateNetwork(std::string* why) {
-    if (unshare(CLONE_NEWNET) != 0) {
-        *why = std::string("unshare(CLONE_NEWNET): ") + strerror(errno);
-        return false;
-    }
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0) {
-        *why = "no socket in the new namespace";
-        return false;
-    }
-    ifreq ifr{};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags = (short)(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
-    up = up && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
-    close(fd);
-    if (!up) *why = "cannot bring the loopback up";
-    return up;
 }
 
 }  // namespace qt

@@ -55,11 +55,6 @@ private:
     pid_t iResponder = -1;
 };
 
-// Enters a network namespace of the calling process's own (unshare) with only
-// the loopback up, so that whatever the process does next cannot reach another
-// host; false with the reason when that is not permitted.
-bool enterPrivateNetwork(std::string* why);
-
 }  // namespace qt
 
 #endif

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "netjob.h"
-#include "netlab.h"
+#include "netns.h"
 #include "session_testutil.h"
 
 namespace {
@@ -31,7 +31,7 @@ int openDescriptors() {
 class NetSession : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        bPrivate = qt::enterPrivateNetwork(&szWhy);
+        bPrivate = qt::privateNetwork(false, &szWhy);
         iFds = openDescriptors();
     }
     static void TearDownTestSuite() {
