@@ -26,6 +26,7 @@ const char* const JOB_VARIABLE = "QUARTO_QUILLSIM";
 const long long MAX_SIDE = 20000;
 const long long MAX_PIXELS = 50000000;
 const int MAX_PAGES = 100;
+const long long MAX_NUMBER = 1LL << 40;
 const int PAGE_SHIFT_X = 64;  // page p is the formula at (X + 64 (p - 1), Y)
 const int WICKET_FAMILY_A = 14;
 const int WICKET_FAMILY_B = 15;
@@ -66,7 +67,7 @@ bool loadJob(const std::string& file, Job* job) {
         std::vector<long long> n(w.size(), 0);
         bool ok = true;
         for (size_t i = 1; i < w.size() && key != "record"; ++i)
-            ok = ok && netsim::parseNumber(w[i], -1000000000LL, 1000000000LL, &n[i]);
+            ok = ok && netsim::parseNumber(w[i], -MAX_NUMBER, MAX_NUMBER, &n[i]);
         auto num = [&](size_t count, long long lo, long long hi) {
             if (!ok || w.size() != count + 1) return false;
             for (size_t i = 1; i <= count; ++i)
@@ -102,7 +103,7 @@ bool loadJob(const std::string& file, Job* job) {
             job->faults[n[1]].bCorrupt = true;
         } else if (key == "truncate" && (good = num(2, 0, 1000000000LL) && n[1] >= 1 && n[1] <= MAX_PAGES)) {
             job->faults[n[1]].llTruncate = n[2];
-        } else if (key == "size" && (good = num(3, 0, 1000000000LL) && n[1] >= 1 && n[1] <= MAX_PAGES)) {
+        } else if (key == "size" && (good = num(3, 0, MAX_NUMBER) && n[1] >= 1 && n[1] <= MAX_PAGES)) {
             job->faults[n[1]].llClaimW = n[2];
             job->faults[n[1]].llClaimH = n[3];
         } else if (good) {

@@ -155,7 +155,7 @@ std::vector<std::string> NetArgs::argv() const {
     a.push_back(n("compression", wicket ? 6 : 2));
     a.push_back(n("type", wicket ? 4 : 3));
     a.push_back("--text-mode=0");
-    if (iMode != NET_LINEART) a.push_back(n("contrast", iContrast));
+    if (iMode == NET_COLOR) a.push_back(n("contrast", iContrast));  // colour jobs only
     a.push_back(n("documentsource", iDocSource));
     a.push_back(n("sharpness", iSharpness));
     a.push_back(n("start-now", iStartNow));
