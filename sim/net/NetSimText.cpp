@@ -4,31 +4,37 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace netsim {
 
-std::vector<std::string> splitWords(const std::string& line) {
-    std::vector<std::string> words;
-    std::istringstream in(line);
-    std::string w;
-    while (in >> w) words.push_back(w);
-    return words;
-}
-
-std::string restAfterWords(const std::string& line, int n) {
-    size_t pos = 0;
-    for (int i = 0; i < n; ++i) {
-        pos = line.find_first_not_of(" \t", pos);
-        if (pos == std::string::npos) return std::string();
-        pos = line.find_first_of(" \t", pos);
-        if (pos == std::string::npos) return std::string();
+bool loadStatements(const std::string& file, const char* program,
+                    const std::function<std::string(const Statement&)>& apply) {
+    std::ifstream in(file);
+    if (!in) {
+        fprintf(stderr, "%s: cannot read %s\n", program, file.c_str());
+        return false;
     }
-    size_t b = line.find_first_not_of(" \t", pos);
-    if (b == std::string::npos) return std::string();
-    size_t e = line.find_last_not_of(" \t\r");
-    return line.substr(b, e - b + 1);
+    Statement st;
+    for (std::string line; std::getline(in, line);) {
+        ++st.iLine;
+        std::istringstream words(line);
+        st.words.assign(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
+        if (st.words.empty() || st.words[0][0] == '#') continue;
+        const size_t key = line.find(st.words[0]);
+        const size_t b = line.find_first_not_of(" \t", key + st.words[0].size());
+        st.szRest = b == std::string::npos ? std::string() : line.substr(b, line.find_last_not_of(" \t\r") + 1 - b);
+        const std::string error = apply(st);
+        if (!error.empty()) {
+            fprintf(stderr, "%s: %s: line %d: %s\n", program, file.c_str(), st.iLine, error.c_str());
+            return false;
+        }
+    }
+    return true;
 }
 
 bool parseNumber(const std::string& text, long long lo, long long hi, long long* value) {
@@ -122,18 +128,19 @@ std::string escapeArgument(const std::string& arg) {
     return s;
 }
 
-bool appendToFile(const std::string& path, const std::string& text) {
-    int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+bool writeToFile(const std::string& path, const std::string& data, bool append) {
+    const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    int fd = open(path.c_str(), flags, append ? 0600 : 0644);
     if (fd < 0) return false;
     size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
+    while (done < data.size()) {
+        ssize_t n = write(fd, data.data() + done, data.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += (size_t)n;
     }
     close(fd);
-    return done == text.size();
+    return done == data.size();
 }
 
 }  // namespace netsim

@@ -18,7 +18,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -93,11 +92,6 @@ std::string buildPacket(const Reply& r) {
     return p;
 }
 
-bool fail(const std::string& file, int line, const std::string& what) {
-    fprintf(stderr, "netsim: %s: line %d: %s\n", file.c_str(), line, what.c_str());
-    return false;
-}
-
 // "delay=MS" as the first word after the statement, if present.
 bool takeDelay(std::vector<std::string>& words, Reply* r) {
     if (words.size() > 1 && words[1].compare(0, 6, "delay=") == 0) {
@@ -107,59 +101,52 @@ bool takeDelay(std::vector<std::string>& words, Reply* r) {
     return true;
 }
 
+// One statement into the replies; "" when it is good, else what is wrong.
+std::string applyStatement(const netsim::Statement& st, std::vector<Reply>* replies) {
+    std::vector<std::string> w = st.words;
+    const std::string key = w[0];
+    if (key == "reply" || key == "raw") {
+        Reply r;
+        if (!takeDelay(w, &r)) return "bad delay";
+        if (key == "raw") {
+            r.bRaw = true;
+            std::string hex;
+            for (size_t k = 1; k < w.size(); ++k) hex += w[k] + " ";
+            if (!netsim::parseHex(hex, &r.szRaw) || r.szRaw.size() > MAX_PACKET) return "bad raw bytes";
+        } else if (w.size() != 1) {
+            return "reply takes only delay=MS";
+        }
+        replies->push_back(r);
+        return "";
+    }
+    if (replies->empty() || replies->back().bRaw) return key + " outside a reply";
+    Reply& r = replies->back();
+    std::string text;
+    long long v = 0;
+    if (key == "txt" || key == "name") {
+        if (!netsim::unescape(st.szRest, &text)) return "bad escape";
+        if (key == "name" && (text.empty() || text.size() > MAX_LABEL)) return "name must be 1-63 bytes";
+        if (text.size() > MAX_TXT_STRING) return "TXT string longer than 255 bytes";
+        if (key == "txt")
+            r.vTxt.push_back(text);
+        else
+            r.szName = text;
+        return "";
+    }
+    const long long max = key == "truncate" ? (long long)MAX_PACKET : key == "questions" ? 100 : 0xFFFF;
+    if (w.size() != 2 || !netsim::parseNumber(w[1], 0, max, &v)) return "unknown statement or bad value: " + key;
+    if (key == "flags") r.llFlags = v;
+    else if (key == "questions") r.llQuestions = v;
+    else if (key == "answers") r.llAnswers = v;
+    else if (key == "rdlength") r.llRdLength = v;
+    else if (key == "truncate") r.llTruncate = v;
+    else return "unknown statement: " + key;
+    return "";
+}
+
 bool loadScenario(const std::string& file, std::vector<Reply>* replies) {
-    std::ifstream in(file);
-    if (!in) {
-        fprintf(stderr, "netsim: cannot read %s\n", file.c_str());
-        return false;
-    }
-    std::string line;
-    int no = 0;
-    while (std::getline(in, line)) {
-        ++no;
-        std::vector<std::string> w = netsim::splitWords(line);
-        if (w.empty() || w[0][0] == '#') continue;
-        const std::string& key = w[0];
-        if (key == "reply" || key == "raw") {
-            Reply r;
-            if (!takeDelay(w, &r)) return fail(file, no, "bad delay");
-            if (key == "raw") {
-                r.bRaw = true;
-                std::string hex;
-                for (size_t k = 1; k < w.size(); ++k) hex += w[k] + " ";
-                if (!netsim::parseHex(hex, &r.szRaw) || r.szRaw.size() > MAX_PACKET)
-                    return fail(file, no, "bad raw bytes");
-            } else if (w.size() != 1) {
-                return fail(file, no, "reply takes only delay=MS");
-            }
-            replies->push_back(r);
-            continue;
-        }
-        if (replies->empty() || replies->back().bRaw) return fail(file, no, key + " outside a reply");
-        Reply& r = replies->back();
-        std::string text;
-        long long v = 0;
-        if (key == "txt" || key == "name") {
-            if (!netsim::unescape(netsim::restAfterWords(line, 1), &text)) return fail(file, no, "bad escape");
-            if (key == "txt") {
-                if (text.size() > MAX_TXT_STRING) return fail(file, no, "TXT string longer than 255 bytes");
-                r.vTxt.push_back(text);
-            } else {
-                if (text.empty() || text.size() > MAX_LABEL) return fail(file, no, "name must be 1-63 bytes");
-                r.szName = text;
-            }
-        } else if (w.size() == 2 && netsim::parseNumber(w[1], 0, key == "truncate" ? (long long)MAX_PACKET : 0xFFFF, &v)) {
-            if (key == "flags") r.llFlags = v;
-            else if (key == "questions" && v <= 100) r.llQuestions = v;
-            else if (key == "answers") r.llAnswers = v;
-            else if (key == "rdlength") r.llRdLength = v;
-            else if (key == "truncate") r.llTruncate = v;
-            else return fail(file, no, "unknown statement or value out of range: " + key);
-        } else {
-            return fail(file, no, "unknown statement or bad value: " + key);
-        }
-    }
-    return true;
+    return netsim::loadStatements(file, "netsim",
+                                  [&](const netsim::Statement& st) { return applyStatement(st, replies); });
 }
 
 std::string addressText(const sockaddr_in& a) {
@@ -215,7 +202,7 @@ int main(int argc, char** argv) {
         if (logFile.empty())
             fprintf(stdout, "%s\n", line.c_str()), fflush(stdout);
         else
-            netsim::appendToFile(logFile, line + "\n");
+            netsim::writeToFile(logFile, line + "\n", true);
     };
 
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -54,66 +53,51 @@ int fail(const char* what, const std::string& detail) {
     return 2;
 }
 
-bool loadJob(const std::string& file, Job* job) {
-    std::ifstream in(file);
-    if (!in) return fail("cannot read job file ", file), false;
-    std::string line;
-    int no = 0;
-    while (std::getline(in, line)) {
-        ++no;
-        std::vector<std::string> w = netsim::splitWords(line);
-        if (w.empty() || w[0][0] == '#') continue;
-        const std::string& key = w[0];
-        std::vector<long long> n(w.size(), 0);
-        bool ok = true;
-        for (size_t i = 1; i < w.size() && key != "record"; ++i)
-            ok = ok && netsim::parseNumber(w[i], -MAX_NUMBER, MAX_NUMBER, &n[i]);
-        auto num = [&](size_t count, long long lo, long long hi) {
-            if (!ok || w.size() != count + 1) return false;
-            for (size_t i = 1; i <= count; ++i)
-                if (n[i] < lo || n[i] > hi) return false;
-            return true;
-        };
-        bool good = true;
-        if (key == "record") {
-            job->szRecord = netsim::restAfterWords(line, 1);
-            good = !job->szRecord.empty();
-        } else if (key == "width" && (good = num(1, 8, MAX_SIDE))) {
-            job->llWidth = n[1];
-        } else if (key == "height" && (good = num(1, 1, MAX_SIDE))) {
-            job->llHeight = n[1];
-        } else if (key == "dpi" && (good = num(1, 1, 100000))) {
-            job->llDpi = n[1];
-        } else if (key == "family" && (good = num(1, 0, 1000000))) {
-            job->llFamily = n[1];
-        } else if (key == "rotate" && (good = num(1, -100000, 100000))) {
-            job->llRotate = n[1];
-        } else if (key == "pages" && (good = num(1, 1, MAX_PAGES))) {
-            job->llPages = n[1];
-        } else if (key == "quality" && (good = num(1, 1, 100))) {
-            job->llQuality = n[1];
-        } else if (key == "band_lines" && (good = num(1, 8, 4096) && n[1] % 8 == 0)) {
-            job->llBandLines = n[1];
-        } else if (key == "exit" && (good = num(1, 0, 255))) {
-            job->llExit = n[1];
-        } else if (key == "no_side" && (good = num(1, 0, MAX_PAGES))) {
-            if (n[1] == 0) job->bNoSideAll = true;
-            else job->faults[n[1]].bNoSide = true;
-        } else if (key == "corrupt" && (good = num(1, 1, MAX_PAGES))) {
-            job->faults[n[1]].bCorrupt = true;
-        } else if (key == "truncate" && (good = num(2, 0, 1000000000LL) && n[1] >= 1 && n[1] <= MAX_PAGES)) {
-            job->faults[n[1]].llTruncate = n[2];
-        } else if (key == "size" && (good = num(3, 0, MAX_NUMBER) && n[1] >= 1 && n[1] <= MAX_PAGES)) {
-            job->faults[n[1]].llClaimW = n[2];
-            job->faults[n[1]].llClaimH = n[3];
-        } else if (good) {
-            good = false;
-        }
-        if (!good) {
-            fprintf(stderr, "quillsim: %s: line %d: bad statement\n", file.c_str(), no);
-            return false;
-        }
+// One statement into the job; false when it is not one.
+bool applyStatement(const netsim::Statement& st, Job* job) {
+    const std::vector<std::string>& w = st.words;
+    const std::string& key = w[0];
+    if (key == "record") {
+        job->szRecord = st.szRest;
+        return !job->szRecord.empty();
     }
+    std::vector<long long> n(w.size(), 0);
+    for (size_t i = 1; i < w.size(); ++i)
+        if (!netsim::parseNumber(w[i], -MAX_NUMBER, MAX_NUMBER, &n[i])) return false;
+    // Count numbers after the key, the first within [lo, hi].
+    auto num = [&](size_t count, long long lo, long long hi) {
+        return w.size() == count + 1 && n[1] >= lo && n[1] <= hi;
+    };
+    // A page number, then count - 1 numbers within [lo, hi].
+    auto pageNum = [&](size_t count, long long lo, long long hi) {
+        bool ok = num(count, 1, MAX_PAGES);
+        for (size_t i = 2; ok && i <= count; ++i) ok = n[i] >= lo && n[i] <= hi;
+        return ok;
+    };
+    if (key == "width" && num(1, 8, MAX_SIDE)) job->llWidth = n[1];
+    else if (key == "height" && num(1, 1, MAX_SIDE)) job->llHeight = n[1];
+    else if (key == "dpi" && num(1, 1, 100000)) job->llDpi = n[1];
+    else if (key == "family" && num(1, 0, 1000000)) job->llFamily = n[1];
+    else if (key == "rotate" && num(1, -100000, 100000)) job->llRotate = n[1];
+    else if (key == "pages" && num(1, 1, MAX_PAGES)) job->llPages = n[1];
+    else if (key == "quality" && num(1, 1, 100)) job->llQuality = n[1];
+    else if (key == "band_lines" && num(1, 8, 4096) && n[1] % 8 == 0) job->llBandLines = n[1];
+    else if (key == "exit" && num(1, 0, 255)) job->llExit = n[1];
+    else if (key == "no_side" && num(1, 0, MAX_PAGES) && n[1] == 0) job->bNoSideAll = true;
+    else if (key == "no_side" && pageNum(1, 0, 0)) job->faults[n[1]].bNoSide = true;
+    else if (key == "corrupt" && pageNum(1, 0, 0)) job->faults[n[1]].bCorrupt = true;
+    else if (key == "truncate" && pageNum(2, 0, MAX_NUMBER)) job->faults[n[1]].llTruncate = n[2];
+    else if (key == "size" && pageNum(3, 0, MAX_NUMBER)) job->faults[n[1]].llClaimW = n[2];
+    else return false;
+    if (key == "size") job->faults[n[1]].llClaimH = n[3];
+    return true;
+}
+
+bool loadJob(const std::string& file, Job* job) {
+    if (!netsim::loadStatements(file, "quillsim", [&](const netsim::Statement& st) {
+            return applyStatement(st, job) ? std::string() : std::string("bad statement");
+        }))
+        return false;
     if (job->llWidth * job->llHeight > MAX_PIXELS) return fail("page too large", ""), false;
     return true;
 }
@@ -202,17 +186,9 @@ std::string wicketPage(Mode mode, int width, int height, const Job& job, const s
 
 // Creates or replaces a file in the scan directory, never through a link.
 bool writeFile(const std::string& path, const std::string& data) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) return fail("cannot write ", path + ": " + strerror(errno)), false;
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += (size_t)n;
-    }
-    close(fd);
-    return done == data.size();
+    if (netsim::writeToFile(path, data, false)) return true;
+    fail("cannot write ", path + ": " + strerror(errno));
+    return false;
 }
 
 // The side file's name: the page file's with its first ".pxm" replaced by ".conf".
@@ -232,7 +208,7 @@ int main(int argc, char** argv) {
     if (!job.szRecord.empty()) {
         std::string line;
         for (int i = 0; i < argc; ++i) line += (i ? " " : "") + netsim::escapeArgument(argv[i]);
-        if (!netsim::appendToFile(job.szRecord, line + "\n")) return fail("cannot append to ", job.szRecord);
+        if (!netsim::writeToFile(job.szRecord, line + "\n", true)) return fail("cannot append to ", job.szRecord);
     }
 
     const std::string fileName = argument(argc, argv, "filename");

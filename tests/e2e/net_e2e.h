@@ -47,6 +47,14 @@ public:
         return sane.scanimage(args, out, err, {dir.jobVariable()}, 120);
     }
 
+    // The argument vector of the program's one run; empty, and a test failure,
+    // when it ran another number of times.
+    std::vector<std::string> onlyRun() const {
+        const std::vector<std::vector<std::string>> runs = dir.runs();
+        EXPECT_EQ(1u, runs.size()) << "runs of the scan program";
+        return runs.size() == 1 ? runs[0] : std::vector<std::string>();
+    }
+
     qt::NetLab lab;
     qt::NetScanDir dir;
     qt::SaneEnv sane;
@@ -65,22 +73,28 @@ private:
 
 inline Mode e2eMode(qt::NetMode m) { return m == qt::NET_LINEART ? LINEART : m == qt::NET_GRAY ? GRAY : COLOR; }
 
-// The frame scanimage announced and wrote equals img, byte for byte.
+// The PNM file holds img, byte for byte.
+inline void expectImage(const std::string& file, const qt::NetImage& img) {
+    Pnm pnm;
+    std::string why;
+    ASSERT_TRUE(parsePnm(file, &pnm, &why)) << why;
+    ASSERT_EQ(img.iWidth, pnm.iWidth);
+    ASSERT_EQ(img.iHeight, pnm.iHeight);
+    EXPECT_EQ(img.iBpp == 0 ? 1 : 8 * img.iBpp, pnm.bitsPerPixel());
+    EXPECT_EQ("", compareLines(pnm, [&](int row) {
+                  return Bytes(img.data.begin() + row * img.lineBytes(),
+                               img.data.begin() + (row + 1) * img.lineBytes());
+              }));
+}
+
+// The frame scanimage announced (get_parameters) and wrote equals img.
 inline void expectFrame(const std::string& out, const std::string& err, const qt::NetImage& img) {
     Announced a = announced(err);
     ASSERT_TRUE(a.bFound) << err;
     EXPECT_EQ(img.iWidth, a.iPixels);
     EXPECT_EQ(img.iHeight, a.iLines);
     EXPECT_EQ(img.iBpp == 0 ? 1 : 8 * img.iBpp, a.iBits);
-    Pnm pnm;
-    std::string why;
-    ASSERT_TRUE(parsePnm(out, &pnm, &why)) << why << "\n" << err;
-    ASSERT_EQ(img.iWidth, pnm.iWidth);
-    ASSERT_EQ(img.iHeight, pnm.iHeight);
-    EXPECT_EQ("", compareLines(pnm, [&](int row) {
-                  return Bytes(img.data.begin() + row * img.lineBytes(),
-                               img.data.begin() + (row + 1) * img.lineBytes());
-              }));
+    expectImage(out, img);
 }
 
 }  // namespace e2e
