@@ -16,10 +16,8 @@ void DataBuffer::Reset() {
     iCapacity = 0;
 }
 
-int DataBuffer::SetRawData(const unsigned char* data, int n) {
-    if (data == nullptr || n <= 0) return 0;
-    long need = (long)iTotalSize + n;
-    if (need > 0x7FFFFFFF) return 0;
+bool DataBuffer::Reserve(long need) {
+    if (need > 0x7FFFFFFF) return false;
     if (need > iCapacity) {
         // Grow geometrically so that a stream of small appends stays linear.
         long cap = iCapacity > 0 ? iCapacity : 4096;
@@ -30,8 +28,28 @@ int DataBuffer::SetRawData(const unsigned char* data, int n) {
         pImage = grown;
         iCapacity = (int)cap;
     }
+    return true;
+}
+
+int DataBuffer::SetRawData(const unsigned char* data, int n) {
+    if (data == nullptr || n <= 0) return 0;
+    if (!Reserve((long)iTotalSize + n)) return 0;
     memmove(pImage + iTotalSize, data, (size_t)n);
     iTotalSize += n;
+    return 1;
+}
+
+int DataBuffer::ReplaceRawData(int n, const unsigned char* data, int len) {
+    if (n < 0 || len < 0 || (data == nullptr && len > 0)) return 0;
+    const int raw = GetRawDataSize();
+    if (n > raw) n = raw;
+    const long total = (long)iTotalSize - n + len;
+    if (!Reserve(total)) return 0;
+    unsigned char* at = pImage != nullptr ? pImage + iProcessedDataSize : nullptr;
+    if (at != nullptr && raw > n) memmove(at + len, at + n, (size_t)(raw - n));
+    if (len > 0) memcpy(at, data, (size_t)len);
+    iTotalSize = (int)total;
+    iProcessedDataSize += len;
     return 1;
 }
 

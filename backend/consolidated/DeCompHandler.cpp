@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "ConfigReader.h"
 #include "DataBuffer.h"
@@ -133,25 +132,18 @@ int DeCompHandler::Decompress(DataBuffer* buffer, ImageData* image) {
 
     // Rebuild: processed bytes first, then the decoded lines (each processed at
     // once), then the raw bytes that followed the chunk. The chunk itself is
-    // dropped whether or not it decoded.
-    int processedSize = buffer->GetProcessedDataSize();
-    std::vector<unsigned char> all((size_t)buffer->GetAllDataSize());
-    buffer->GetAllData(all.data(), (int)all.size());
-    buffer->Reset();
-    if (processedSize > 0) {
-        buffer->SetRawData(all.data(), processedSize);
-        buffer->SetProcessedDataSize(processedSize);
-    }
+    // dropped whether or not it decoded. The lines are packed in the output area
+    // first (they lie stride + pad apart), then spliced in place of the chunk.
     int lineCount = stride > 0 ? produced / stride : 0;
     long step = (long)stride + pad;
+    int packed = 0;
     for (int i = 0; i < lineCount; ++i) {
         if ((long)i * step + stride > outSize) break;
         LOG_DEBUG("LinesPerBand = %d", lineCount - i);
-        buffer->SetRawData(out.get() + (long)i * step, stride);
-        buffer->SetProcessedDataSize(stride);
+        if (step != stride) memmove(out.get() + (long)i * stride, out.get() + (long)i * step, (size_t)stride);
+        ++packed;
     }
-    long rest = (long)all.size() - processedSize - chunkLen;
-    if (rest > 0) buffer->SetRawData(all.data() + processedSize + chunkLen, (int)rest);
+    buffer->ReplaceRawData(chunkLen, out.get(), (int)((long)packed * stride));
     if (unusable) {
         LOG_METHOD_END_INT(0);
         return 0;

@@ -3,7 +3,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "CResponse.h"
 #include "Cmd326.h"
@@ -136,9 +135,7 @@ int ICommand::removeESC(DataBuffer* buf) {
             long long expected = (long long)readLE16(chunk, rawSize, 4) - iStripMin;
             iDataSize = expected > INT_MAX ? INT_MAX : expected < INT_MIN ? INT_MIN : (int)expected;
             // The header is taken out of the buffer and discarded.
-            buf->SetProcessedDataSize(strip);
-            std::vector<unsigned char> scratch((size_t)strip);
-            buf->GetProcessedData(scratch.data(), strip);
+            buf->ReplaceRawData(strip, nullptr, 0);
             rawSize = buf->GetRawDataSize();
         } else {
             iDataSize = rawSize;

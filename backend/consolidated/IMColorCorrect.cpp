@@ -1,8 +1,10 @@
 #include "IMColorCorrect.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <new>
 
@@ -44,11 +46,23 @@ void IMColorCorrect::Load(const char* library, const char* function, const char*
 
 std::unique_ptr<unsigned char[]> IMColorCorrect::ReadTable(const char* path, int* size) {
     *size = 0;
-    std::unique_ptr<FILE, FileCloser> file(fopen(path, "rb"));
-    if (!file) return nullptr;
-    if (fseek(file.get(), 0, SEEK_END) != 0) return nullptr;
-    const long length = ftell(file.get());
-    if (length <= 0 || length > INT_MAX || fseek(file.get(), 0, SEEK_SET) != 0) return nullptr;
+    // Non-blocking, so that a path naming a pipe cannot stall the scan; only a
+    // regular file of a plausible size is read.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    std::unique_ptr<FILE, FileCloser> file(fdopen(fd, "rb"));
+    if (!file) {
+        close(fd);
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) return nullptr;
+    if (st.st_size > MAX_TABLE_SIZE) {
+        LOG_ERROR("table %s holds %ld bytes, more than the %ld a table can have: not used", path, (long)st.st_size,
+                  MAX_TABLE_SIZE);
+        return nullptr;
+    }
+    const long length = (long)st.st_size;
     std::unique_ptr<unsigned char[]> table(new (std::nothrow) unsigned char[length]());
     if (!table) return nullptr;
     if (fread(table.get(), 1, (size_t)length, file.get()) < (size_t)length) return nullptr;

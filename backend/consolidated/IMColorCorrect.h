@@ -17,6 +17,9 @@ public:
     static constexpr const char* DEFAULT_FUNCTION = "ScanCorrect";
     static constexpr const char* DEFAULT_COLOR_LUT = "/usr/corvwell/qvt08/etc/qvdmSCc0.bin";
     static constexpr const char* DEFAULT_GRAY_LUT = "/usr/corvwell/qvt08/etc/qvdmSCg0.bin";
+    // The largest table file read: well above any lookup table the correction
+    // library takes, small enough that a wrong path cannot exhaust memory.
+    static constexpr long MAX_TABLE_SIZE = 4L * 1024 * 1024;
 
     IMColorCorrect();
     // Loads nothing if any of the four is null.
@@ -29,8 +32,9 @@ public:
 
 private:
     void Load(const char* library, const char* function, const char* colorLut, const char* grayLut);
-    // Reads a whole file; null (and size 0) when it is missing, empty or short.
-    static std::unique_ptr<unsigned char[]> ReadTable(const char* path, int* size);
+    // Reads a whole regular file of at most MAX_TABLE_SIZE bytes; null (and
+    // size 0) when it is missing, not a regular file, empty, too large or short.
+    std::unique_ptr<unsigned char[]> ReadTable(const char* path, int* size);
 
     void* hScanCorrectHandle = nullptr;
     SCANCORRECT fpScanCorrect = nullptr;

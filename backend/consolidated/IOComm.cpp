@@ -350,6 +350,17 @@ int IOComm::openDevice() {
                 matched = true;
             }
         }
+        if (!matched) {
+            // Without a qualifying interface there is nothing of ours to claim;
+            // the number of an earlier device would name someone else's.
+            LOG_DEBUG(" -> no scanner interface on usb %s/%s", cBus, cDev);
+            closeHandle();
+            LOG_METHOD_END_INT(COMM_STATUS_NOT_PRESENT);
+            return COMM_STATUS_NOT_PRESENT;
+        }
+        // Endpoints of an earlier device must not survive into this one.
+        iEndPointIn = -1;
+        iEndPointOut = -1;
         if (iIfaceNum < interfaces && usbDev->config[0].interface != nullptr) {
             const struct usb_interface& itf = usbDev->config[0].interface[iIfaceNum];
             if (itf.num_altsetting >= 1 && itf.altsetting != nullptr && itf.altsetting[0].endpoint != nullptr) {

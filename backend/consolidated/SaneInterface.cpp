@@ -67,14 +67,13 @@ SANE_Device* sane_ScanLib_make_device(char* raw) {
         dev->model = kPseudoModel;
         dev->name = kPseudoName;
     } else {
-        // Split in place at every '/': vendor, model, name; a fourth piece and any
-        // further ones are dropped, so libnet:A/B keeps only libnet:A (intended).
+        // Split in place at every '/': vendor, model, name. An empty piece stays a
+        // piece (a device without a manufacturer string gives "V//libusb:..." or
+        // "/M/libusb:..."). A fourth piece and any further ones are dropped, so
+        // libnet:A/B keeps only libnet:A (intended).
         char* pieces[3] = {nullptr, nullptr, nullptr};
-        int n = 0;
-        char* save = nullptr;
-        for (char* tok = raw ? strtok_r(raw, "/", &save) : nullptr; tok != nullptr && n < 3;
-             tok = strtok_r(nullptr, "/", &save))
-            pieces[n++] = tok;
+        char* rest = raw;
+        for (int n = 0; n < 3 && rest != nullptr; ++n) pieces[n] = strsep(&rest, "/");
         dev->vendor = strdup(pieces[0] ? pieces[0] : "");
         dev->model = strdup(pieces[1] ? pieces[1] : "");
         char* devName = strdup(pieces[2] ? pieces[2] : "");

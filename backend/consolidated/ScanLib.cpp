@@ -993,7 +993,13 @@ void ScanLib::SetIO(ICommunication* comm) {
 }
 
 void ScanLib::SetComm(ICommand* cmd) {
-    // The transport must not keep the command that is about to go away.
+    // A transport refuses a null command and keeps the one it holds, so a null
+    // replacement is refused here too: freeing the current command would leave
+    // the transport pointing at freed memory.
+    if (cmd == nullptr) {
+        LOG_ERROR("refusing to replace the command object by none");
+        return;
+    }
     if (pComm) pComm->setCommand(cmd);
     pCmd.reset(cmd);
     if (pCmd && pCfgReader) pCmd->setConfigReader(pCfgReader.get());

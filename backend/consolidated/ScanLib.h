@@ -71,6 +71,7 @@ public:
     static std::string ResolveConfFile(const char* etcPath);
 
     // Replace the transport or the command object; the session takes ownership.
+    // A null command is refused (the current one stays installed).
     void SetIO(ICommunication* comm);
     void SetComm(ICommand* cmd);
 

@@ -2,15 +2,10 @@
 // reached the simulated scanner (the scanner is always released), scanimage
 // stopped with Ctrl-C in mid-page, and a front end that keeps its handle open
 // and scans again after a failed page.
-#include <fcntl.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -115,77 +110,13 @@ INSTANTIATE_TEST_SUITE_P(
                     "STATUS LOCK START scan release close"}),
     [](const ::testing::TestParamInfo<UserFailure>& info) { return std::string(info.param.szName); });
 
-// Runs scanimage with its standard output on a pipe and returns what it wrote.
-// After `firstBytes` bytes it sends SIGINT (Ctrl-C) and reads on to the end:
-// while the pipe is not read the scan cannot move on, so the signal arrives
-// in mid-page whatever the speed of the machine.
-struct Interrupted {
-    int iStatus = -1;
-    size_t lBytes = 0;
-    std::string szErr;
-};
-
-Interrupted scanimageInterrupted(const qt::SaneEnv& sane, const std::vector<std::string>& args, size_t firstBytes,
-                                 int timeoutSeconds) {
-    Interrupted r;
-    int out[2];
-    if (pipe(out) != 0) return r;
-    std::string errFile = sane.file("scanimage.err");
-    std::vector<std::string> env = sane.env();
-    pid_t pid = fork();
-    if (pid == 0) {
-        int errFd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-        dup2(out[1], 1);
-        if (errFd >= 0) dup2(errFd, 2);
-        close(out[0]);
-        for (const std::string& e : env) putenv(strdup(e.c_str()));
-        std::vector<char*> argv = {const_cast<char*>("scanimage")};
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    if (pid < 0) {
-        close(out[0]);
-        return r;
-    }
-    const time_t deadline = time(nullptr) + timeoutSeconds;
-    bool signalled = false;
-    char buf[65536];
-    while (time(nullptr) <= deadline) {
-        if (!signalled && r.lBytes >= firstBytes) {
-            kill(pid, SIGINT);
-            signalled = true;
-        }
-        struct pollfd p = {out[0], POLLIN, 0};
-        if (poll(&p, 1, 200) <= 0) continue;
-        ssize_t n = read(out[0], buf, sizeof(buf));
-        if (n <= 0) break;
-        r.lBytes += (size_t)n;
-    }
-    close(out[0]);
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (time(nullptr) > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            break;
-        }
-        usleep(10000);
-    }
-    r.iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.szErr = qt::readFile(errFile);
-    return r;
-}
-
 TEST(UserInterrupts, CtrlCInMidPageCancelsUnlocksAndTheNextRunScans) {
     qt::SaneEnv sane(e2e::MODELS_CONF, e2e::dataFile("e2e_q5100.scn"));
     // Letter at 600 dpi in colour: 100 MB, far more than a pipe and scanimage's buffer hold.
     std::vector<std::string> args = e2e::scanArgs(DEVICE, e2e::COLOR, e2e::LETTER, 600);
     const size_t page = (size_t)e2e::bytesPerLine(e2e::COLOR, e2e::pagePixels(e2e::LETTER, 600, 1)) *
                         (size_t)e2e::pageLines(e2e::LETTER, 600, 1);
-    Interrupted r = scanimageInterrupted(sane, args, 4096, 60);
+    qt::SaneEnv::Interrupted r = sane.scanimageInterrupted(args, 4096);
     EXPECT_NE(0, r.iStatus) << r.szErr;
     EXPECT_NE(std::string::npos, r.szErr.find("received signal 2")) << r.szErr;
     EXPECT_NE(std::string::npos, r.szErr.find("sane_read: Operation was canceled")) << r.szErr;
@@ -272,14 +203,10 @@ protected:
     }
     // Reads until a status other than GOOD; returns it and appends the bytes to data.
     SANE_Status readToEnd(std::string* data) {
-        std::vector<SANE_Byte> buf(32768);
-        for (int calls = 0; calls < 100000; ++calls) {
-            SANE_Int len = 0;
-            SANE_Status s = api.read(h, buf.data(), (SANE_Int)buf.size(), &len);
-            if (len > 0) data->append(reinterpret_cast<char*>(buf.data()), (size_t)len);
-            if (s != SANE_STATUS_GOOD) return s;
-        }
-        return SANE_STATUS_GOOD;
+        std::vector<unsigned char> bytes;
+        SANE_Status s = api.readFrame(h, 32768, &bytes, 100000);
+        data->append(bytes.begin(), bytes.end());
+        return s;
     }
     // A whole page, every pixel against the formula of the window asked for.
     void expectFullPage() {

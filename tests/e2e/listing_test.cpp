@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "e2e_scan.h"
 #include "sanerun.h"
 #include "testutil.h"
 
@@ -43,6 +44,39 @@ TEST(Listing, DevicesInBusOrderWithVendorAndModel) {
         "device `quarto:libusb/003/002' is a Tarvesk Quarto 3260 Scanner",
     };
     EXPECT_EQ(expected, listed(sane));
+}
+
+// A device that has no manufacturer or no product string lists with that piece
+// empty, under its bus and device numbers, and opens and scans like any other.
+TEST(Listing, DeviceWithoutVendorOrProductStringListsAndScans) {
+    qt::TempDir dir;
+    std::string scenario = dir.file("nostrings.scn");
+    const char* const props = "props major=4 minor=1 codeset=1 compression=0 align_color=4 align_gray=4\n"
+                              "source type=1 bar=0 origin=0 width=10200 height=14031\nres 150 150 0\n";
+    qt::writeFile(scenario, std::string("bus 001\n") +
+                                "device 001 004 vid=0x2f4a pid=0x0326\nproduct Quarto 3260\nversion 326\n" + props +
+                                "device 001 005 vid=0x2f4a pid=0x0326\nmanufacturer Tarvesk\nversion 326\n" + props +
+                                "device 001 006 vid=0x2f4a pid=0x0326\nversion 326\n" + props);
+    qt::SaneEnv sane(std::string(CONF_HEAD) + "DISCOVER_USB_FLAG=1\n", scenario);
+    std::vector<std::string> expected = {
+        "device `quarto:libusb/001/004' is a  Quarto 3260 Scanner",
+        "device `quarto:libusb/001/005' is a Tarvesk  Scanner",
+        "device `quarto:libusb/001/006' is a   Scanner",
+    };
+    EXPECT_EQ(expected, listed(sane));
+
+    for (const char* device : {"quarto:libusb/001/004", "quarto:libusb/001/006"}) {
+        std::string out, err;
+        ASSERT_EQ(0, sane.scanimage(e2e::scanArgs(device, e2e::GRAY, e2e::BUSINESS_CARD, 150), &out, &err, {}, 60))
+            << device << ": " << err;
+        e2e::Pnm img;
+        std::string why;
+        ASSERT_TRUE(e2e::parsePnm(out, &img, &why)) << why;
+        EXPECT_EQ(e2e::pagePixels(e2e::BUSINESS_CARD, 150, 0), img.iWidth) << device;
+        EXPECT_EQ(e2e::pageLines(e2e::BUSINESS_CARD, 150, 0), img.iHeight) << device;
+        e2e::Window w = e2e::lastWindow(qt::readFile(sane.simLogPath()));
+        EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(w, row); })) << device;
+    }
 }
 
 TEST(Listing, UnknownIdentifiersAndUsbDiscoveryOffListNothing) {

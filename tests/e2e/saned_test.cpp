@@ -50,24 +50,11 @@ public:
     explicit Saned(const qt::SaneEnv& sane) : szLog(sane.file("saned.log")) {
         // The access list: only this machine's loopback address.
         qt::writeFile(sane.file("saned.conf"), "127.0.0.1\n");
-        std::vector<std::string> env = sane.env();
-        const std::string port = std::to_string(SANE_PORT);
-        pid = fork();
-        if (pid == 0) {
-            setpgid(0, 0);
-            int in = open("/dev/null", O_RDONLY);
-            int err = open(szLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-            if (in >= 0) dup2(in, 0);
-            if (err >= 0) {
-                dup2(err, 1);
-                dup2(err, 2);
-            }
-            for (const std::string& e : env) putenv(strdup(e.c_str()));
-            execlp("saned", "saned", "-l", "-e", "-d", "3", "-b", "127.0.0.1", "-p", port.c_str(),
-                   static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        if (pid > 0) setpgid(pid, pid);
+        qt::ChildFds fds;
+        fds.out = fds.err = open(szLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+        pid = qt::spawnProgram({"saned", "-l", "-e", "-d", "3", "-b", "127.0.0.1", "-p", std::to_string(SANE_PORT)},
+                               sane.env(), fds, true);
+        if (fds.out >= 0) close(fds.out);
     }
     ~Saned() { stop(); }
 
@@ -92,16 +79,7 @@ private:
     void stop() {
         if (pid <= 0) return;
         kill(-pid, SIGTERM);
-        const time_t deadline = time(nullptr) + STOP_TIMEOUT_S;
-        int status;
-        while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (time(nullptr) > deadline) {
-                kill(-pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                break;
-            }
-            usleep(20000);
-        }
+        qt::waitProgram(pid, STOP_TIMEOUT_S, true);
         // Connection handlers of the group that are still there go too.
         kill(-pid, SIGKILL);
         pid = -1;

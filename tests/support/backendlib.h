@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "testutil.h"
 
@@ -49,6 +50,24 @@ struct SaneApi {
              bind(read, "sane_quarto_read") & bind(cancel, "sane_quarto_cancel") &
              bind(set_io_mode, "sane_quarto_set_io_mode") & bind(get_select_fd, "sane_quarto_get_select_fd");
         return ok;
+    }
+
+    // Reads a frame until a status other than GOOD (at most maxCalls reads, so
+    // that a fault cannot hang a test) and returns that status; the bytes are
+    // appended to data, and every read's status and length to the lists given.
+    // Returns GOOD when the reads ran out.
+    SANE_Status readFrame(SANE_Handle h, int maxLen, std::vector<unsigned char>* data, long maxCalls,
+                          std::vector<SANE_Status>* statuses = nullptr, std::vector<int>* lengths = nullptr) const {
+        std::vector<unsigned char> buf(maxLen > 0 ? (size_t)maxLen : 1);
+        for (long i = 0; i < maxCalls; ++i) {
+            SANE_Int len = -1;
+            SANE_Status s = read(h, buf.data(), maxLen, &len);
+            if (statuses) statuses->push_back(s);
+            if (lengths) lengths->push_back(len);
+            if (len > 0) data->insert(data->end(), buf.begin(), buf.begin() + len);
+            if (s != SANE_STATUS_GOOD) return s;
+        }
+        return SANE_STATUS_GOOD;
     }
 
     // Unloads the library, so that a later load starts with fresh process state.

@@ -71,10 +71,51 @@ static int makeTempFile(std::string* name) {
     std::string tmpl = envOr("TMPDIR", "/tmp") + "/quarto-out-XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
-    int fd = mkstemp(buf.data());
+    int fd = mkostemp(buf.data(), O_CLOEXEC);
     if (fd < 0) throw std::runtime_error("mkstemp failed");
     *name = buf.data();
     return fd;
+}
+
+pid_t spawnProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildFds& fds,
+                   bool ownGroup) {
+    if (argv.empty()) return -1;
+    pid_t pid = fork();
+    if (pid != 0) {
+        if (pid > 0 && ownGroup) setpgid(pid, pid);
+        return pid;
+    }
+    if (ownGroup) setpgid(0, 0);
+    int in = fds.in >= 0 ? fds.in : open("/dev/null", O_RDONLY);
+    if (in >= 0) dup2(in, 0);
+    if (fds.out >= 0) dup2(fds.out, 1);
+    if (fds.err >= 0) dup2(fds.err, 2);
+    for (const std::string& e : env) putenv(strdup(e.c_str()));
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+}
+
+int waitProgram(pid_t pid, int timeoutSeconds, bool group) {
+    if (pid <= 0) return -1;
+    int status = 0;
+    const time_t deadline = time(nullptr) + timeoutSeconds;
+    while (true) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) break;
+        if (r < 0 && errno != EINTR) return -1;
+        if (time(nullptr) > deadline) {
+            kill(group ? -pid : pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(10000);
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
 }
 
 int runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out,
@@ -84,40 +125,21 @@ int runProgram(const std::vector<std::string>& argv, const std::vector<std::stri
     int errFd = makeTempFile(&errName);
     unlink(outName.c_str());
     unlink(errName.c_str());
-    pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        int devnull = open("/dev/null", O_RDONLY);
-        if (devnull >= 0) dup2(devnull, 0);
-        dup2(outFd, 1);
-        dup2(errFd, 2);
-        for (const std::string& e : env) putenv(strdup(e.c_str()));
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
+    ChildFds fds;
+    fds.out = outFd;
+    fds.err = errFd;
+    pid_t pid = spawnProgram(argv, env, fds);
+    if (pid < 0) {
+        close(outFd);
+        close(errFd);
+        throw std::runtime_error("fork failed");
     }
-    int status = 0;
-    time_t deadline = time(nullptr) + timeoutSeconds;
-    while (true) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) break;
-        if (r < 0 && errno != EINTR) break;
-        if (time(nullptr) > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            break;
-        }
-        usleep(10000);
-    }
+    int status = waitProgram(pid, timeoutSeconds);
     if (out) *out = drain(outFd);
     if (err) *err = drain(errFd);
     close(outFd);
     close(errFd);
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return status;
 }
 
 StderrCapture::StderrCapture() {

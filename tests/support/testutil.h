@@ -3,6 +3,8 @@
 #ifndef QUARTO_TESTUTIL_H
 #define QUARTO_TESTUTIL_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -34,6 +36,23 @@ bool fileExists(const std::string& path);
 // status (or 128 + signal), stdout and stderr captured into the strings given.
 int runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out,
                std::string* err, int timeoutSeconds = 300);
+
+// The descriptors a started program gets as its standard input, output and
+// error; -1 keeps /dev/null for input and the caller's own for the others.
+struct ChildFds {
+    int in = -1;
+    int out = -1;
+    int err = -1;
+};
+
+// Starts argv (no shell) with extra environment entries "K=V", in a process
+// group of its own when asked; returns its pid, or -1.
+pid_t spawnProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildFds& fds,
+                   bool ownGroup = false);
+
+// Waits at most timeoutSeconds for pid, then kills it (and its group when
+// asked); returns the exit status, 128 + signal, or -1.
+int waitProgram(pid_t pid, int timeoutSeconds, bool group = false);
 
 // Captures what the calling process writes to standard error while alive.
 class StderrCapture {

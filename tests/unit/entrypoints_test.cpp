@@ -44,6 +44,8 @@ struct RecordCase {
     const char* name;
 };
 
+void PrintTo(const RecordCase& c, std::ostream* os) { *os << c.raw; }
+
 class DeviceRecord : public ::testing::TestWithParam<RecordCase> {};
 
 TEST_P(DeviceRecord, SplitsRawNameIntoVendorModelAndName) {
@@ -73,7 +75,12 @@ INSTANTIATE_TEST_SUITE_P(
         RecordCase{"Tarvesk/Quarto 7000/libnet:10.0.0.9/AABBCCDDEEFF", "Tarvesk", "Quarto 7000", "libnet/10.0.0.9"},
         RecordCase{"Tarvesk/Quarto 7000/NET_PSEUDO_PLACE_HOLDER::x", "MFP", "Network", "libnet/SPECIFY_DEVICE"},
         RecordCase{"V/M/N/extra/more", "V", "M", "N"},
-        RecordCase{"OnlyVendor", "OnlyVendor", "", ""}));
+        RecordCase{"OnlyVendor", "OnlyVendor", "", ""},
+        // A device without a manufacturer or product string: empty pieces stay pieces.
+        RecordCase{"Tarvesk//libusb:001:004", "Tarvesk", "", "libusb/001/004"},
+        RecordCase{"/Quarto 5100/libusb:002:007", "", "Quarto 5100", "libusb/002/007"},
+        RecordCase{"//libusb:003:009", "", "", "libusb/003/009"},
+        RecordCase{"V//", "V", "", ""}));
 
 class DeviceList : public ::testing::Test {
 protected:

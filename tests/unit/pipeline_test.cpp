@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -107,6 +109,54 @@ TEST(DataBufferTest, GetProcessedDataCopiesRemovesAndShifts) {
     b.SetProcessedDataSize(3);
     EXPECT_EQ(3, b.GetProcessedData(&dest, 5));
     EXPECT_EQ(Bytes({0x00, 0x06, 0x07, 0x08}), allBytes(dest));
+}
+
+// ReplaceRawData splices bytes in place of the first raw ones: the processed
+// prefix stays, the new bytes join it, the rest of the raw bytes follow them.
+struct SpliceCase {
+    const char* name;
+    int processed;  // of the 8 bytes 00..07 held
+    int n;          // raw bytes replaced
+    Bytes insert;
+    int result;
+    Bytes after;
+    int processedAfter;
+};
+void PrintTo(const SpliceCase& c, std::ostream* os) { *os << c.name; }
+class DataBufferSplice : public ::testing::TestWithParam<SpliceCase> {};
+
+TEST_P(DataBufferSplice, ReplacesTheFrontOfTheRawBytes) {
+    const SpliceCase& c = GetParam();
+    DataBuffer b;
+    const Bytes held = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07};
+    b.SetRawData(held.data(), 8);
+    b.SetProcessedDataSize(c.processed);
+    EXPECT_EQ(c.result, b.ReplaceRawData(c.n, c.insert.empty() ? nullptr : c.insert.data(), (int)c.insert.size()));
+    EXPECT_EQ(c.after, allBytes(b));
+    EXPECT_EQ(c.processedAfter, b.GetProcessedDataSize());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DataBufferSplice,
+    ::testing::Values(
+        SpliceCase{"dropHeaderAtFront", 0, 3, {}, 1, {0x03, 0x04, 0x05, 0x06, 0x07}, 0},
+        SpliceCase{"dropAfterProcessed", 2, 3, {}, 1, {0x00, 0x01, 0x05, 0x06, 0x07}, 2},
+        SpliceCase{"growInTheMiddle", 2, 1, {0xA0, 0xA1, 0xA2}, 1,
+                   {0x00, 0x01, 0xA0, 0xA1, 0xA2, 0x03, 0x04, 0x05, 0x06, 0x07}, 5},
+        SpliceCase{"shrinkInTheMiddle", 1, 4, {0xB0}, 1, {0x00, 0xB0, 0x05, 0x06, 0x07}, 2},
+        SpliceCase{"moreThanRawIsCut", 6, 100, {0xC0}, 1, {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0xC0}, 7},
+        SpliceCase{"allProcessedAppends", 8, 2, {0xD0, 0xD1}, 1,
+                   {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0xD0, 0xD1}, 10},
+        SpliceCase{"negativeRefused", 0, -1, {}, 0, {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07}, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(DataBufferTest, SpliceIntoAnEmptyBufferAndNullDataRefused) {
+    DataBuffer b;
+    const Bytes bytes = {0x11, 0x22};
+    EXPECT_EQ(0, b.ReplaceRawData(0, nullptr, 2));
+    EXPECT_EQ(1, b.ReplaceRawData(5, bytes.data(), 2));
+    EXPECT_EQ(bytes, allBytes(b));
+    EXPECT_EQ(2, b.GetProcessedDataSize());
 }
 
 // --- ImageData::SetAttributes from the option store ----------------------------
@@ -397,6 +447,21 @@ TEST_P(ColorCorrectFails, ImagePassesUncorrected) {
 }
 
 const std::string LUTC = lutPath("lutc0.bin"), LUTG = lutPath("lutg0.bin");
+
+// Table files that must never be read: one byte more than the largest table
+// (sparse), and a pipe that nobody writes to (reading it would wait forever).
+std::string unusableTable(const char* name) {
+    static qt::TempDir dir;
+    std::string path = dir.file(name);
+    if (strcmp(name, "pipe") == 0) {
+        mkfifo(path.c_str(), 0600);
+    } else {
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (fd >= 0 && ftruncate(fd, IMColorCorrect::MAX_TABLE_SIZE + 1) != 0) path += ".unmade";
+        if (fd >= 0) close(fd);
+    }
+    return path;
+}
 INSTANTIATE_TEST_SUITE_P(
     Missing, ColorCorrectFails,
     ::testing::Values(FailCase{"noLibrary", "/nonexistent/libnone.so", "ScanCorrect", LUTC, LUTG},
@@ -407,6 +472,9 @@ INSTANTIATE_TEST_SUITE_P(
                       FailCase{"noGreyTableKey", testLibrary(), "ScanCorrect", LUTC, ""},
                       FailCase{"emptyTable", testLibrary(), "ScanCorrect", "/dev/null", LUTG},
                       FailCase{"tableIsDirectory", testLibrary(), "ScanCorrect", lutPath(""), LUTG},
+                      FailCase{"colourTableTooLarge", testLibrary(), "ScanCorrect", unusableTable("huge.bin"), LUTG},
+                      FailCase{"greyTableTooLarge", testLibrary(), "ScanCorrect", LUTC, unusableTable("huge.bin")},
+                      FailCase{"tableIsAPipe", testLibrary(), "ScanCorrect", unusableTable("pipe"), LUTG},
                       // The library refuses a table shorter than 256 bytes; its error is only logged.
                       FailCase{"libraryError", testLibrary(), "ScanCorrect", lutPath("lutshort.bin"), LUTG,
                                "Scan Correct error = 1."}),

@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "Cmd326.h"
+#include "NetComm.h"
+#include "ScanLib.h"
 #include "netns.h"
 #include "session_testutil.h"
 
@@ -446,6 +449,40 @@ TEST_F(SessionTest, TwoHundredSessionsInOneProcessKeepNoDescriptor) {
     }
     EXPECT_EQ(fds, st::openFdCount());
     EXPECT_EQ(st::countEvents("open dev=0 bus"), st::countEvents("close dev=0"));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- replacing the command object
+
+namespace {
+
+// A command object that tells when it is destroyed.
+struct WatchedCmd : Cmd326 {
+    explicit WatchedCmd(bool* gone) : pGone(gone) {}
+    ~WatchedCmd() override { *pGone = true; }
+    bool* pGone;
+};
+
+// The transport refuses a null command and keeps the one it holds, so the
+// session must never free that one while the transport can still use it.
+TEST(SessionObjects, ReplacingTheCommandNeverLeavesTheTransportAFreedOne) {
+    bool firstGone = false, secondGone = false;
+    ScanLib session;
+    NetComm* comm = new NetComm;
+    session.SetIO(comm);
+    WatchedCmd* first = new WatchedCmd(&firstGone);
+    session.SetComm(first);
+    ASSERT_EQ(first, comm->getCommand());
+
+    session.SetComm(nullptr);
+    EXPECT_TRUE(!firstGone || comm->getCommand() != first) << "the transport holds a freed command";
+
+    WatchedCmd* second = new WatchedCmd(&secondGone);
+    session.SetComm(second);
+    EXPECT_EQ(second, comm->getCommand());
+    EXPECT_TRUE(firstGone) << "the replaced command is released";
+    EXPECT_FALSE(secondGone);
 }
 
 }  // namespace

@@ -169,19 +169,8 @@ struct Page {
 
 // Reads until a status other than GOOD (bounded, so a fault cannot hang the test).
 inline void readPage(SANE_Handle h, int maxLen, Page& page, long maxCalls = 2000000) {
-    std::vector<unsigned char> buf(maxLen > 0 ? (size_t)maxLen : 1);
-    for (long i = 0; i < maxCalls; ++i) {
-        SANE_Int len = -1;
-        SANE_Status s = sane().read(h, buf.data(), maxLen, &len);
-        page.statuses.push_back(s);
-        page.lengths.push_back(len);
-        if (len > 0) page.data.insert(page.data.end(), buf.begin(), buf.begin() + len);
-        if (s != SANE_STATUS_GOOD) {
-            page.end = s;
-            return;
-        }
-    }
-    ADD_FAILURE() << "read never ended";
+    page.end = sane().readFrame(h, maxLen, &page.data, maxCalls, &page.statuses, &page.lengths);
+    if (page.end == SANE_STATUS_GOOD) ADD_FAILURE() << "read never ended";
 }
 
 // The colour test pattern of the simulated device at pixel (x, y).

@@ -325,6 +325,35 @@ TEST_F(UsbTest, OpenClaimsTheFirstQualifyingInterfaceAndCloseResetsOnlyWhenAsked
     EXPECT_TRUE(hasEvent("reset dev=0 rc=0")) << events();
 }
 
+// A device none of whose interfaces qualifies is not present for this
+// transport: nothing is claimed, neither interface 0 nor the number of the
+// device opened before it.
+TEST_F(UsbTest, DeviceWithoutAQualifyingInterfaceIsNotPresentAndNothingIsClaimed) {
+    make("bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500 class=0\n"
+         "interface class=7 ep=0x81,0x02\ninterface class=255 ep=0x83,0x04\n"
+         "device 001 005 vid=0x2f4a pid=0x0500 class=0\ninterface class=7 ep=0x81,0x02\n"
+         "interface class=8 ep=0x83,0x04\n");
+    ASSERT_EQ(0, comm->openDevice());
+    ASSERT_TRUE(hasEvent("claim dev=0 iface=1 rc=0")) << events();
+    ASSERT_EQ(0, comm->closeDevice());
+    char second[] = "Tarvesk/Quarto 5100/libusb:001:005";
+    comm->setDevice(second);
+    EXPECT_EQ(7, comm->openDevice());
+    EXPECT_FALSE(hasEvent("claim dev=1")) << events();
+
+    for (char* name : {second, kName}) {
+        IOComm fresh;
+        fresh.setConfigReader(&store);
+        fresh.setDevice(name);
+        EXPECT_EQ(name == second ? 7 : 0, fresh.openDevice()) << name;
+        unsigned char b[2] = {1, 2};
+        EXPECT_EQ(name == second ? 4 : 0, fresh.Write(b, 2)) << "a refused device stays closed";
+    }
+    EXPECT_FALSE(hasEvent("claim dev=1")) << events();
+    EXPECT_EQ(countEvents("open dev=1"), countEvents("close dev=1")) << "each handle opened to look is closed again: "
+                                                                     << events();
+}
+
 TEST_F(UsbTest, WriteBlocksEverySignalAndRestoresTheMask) {
     make(oneDevice(500));
     sigset_t before;
