@@ -36,6 +36,7 @@ void expectRefusedWithoutCommand(const e2e::NetRig& rig, const std::vector<std::
     const int rc = rig.scanimage(args, &out, &err);
     EXPECT_NE(0, rc) << err;
     EXPECT_LT(rc, 128) << "scanimage ended by a signal\n" << err;
+    EXPECT_NE(std::string::npos, err.find("Invalid argument")) << err;
     EXPECT_TRUE(rig.dir.runs().empty()) << "the scan program ran\n" << err;
     EXPECT_FALSE(qt::fileExists(rig.dir.file(MARKER))) << "an injected command ran";
     EXPECT_EQ(before, withoutRecord(rig));

@@ -162,10 +162,6 @@ std::vector<std::string> NetArgs::argv() const {
     return a;
 }
 
-static void replaceAll(std::string& s, const std::string& from, const std::string& to) {
-    for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size())) s.replace(p, from.size(), to);
-}
-
 NetScanDir::NetScanDir(const std::string& featureExtra, const std::string& scanDirName)
     : szScanDir(dir.file(scanDirName)) {
     std::string text = readFile(sourceDir() + "/tests/data/e2e_net.conf");

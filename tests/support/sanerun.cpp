@@ -10,11 +10,6 @@
 
 namespace qt {
 
-static void replaceAll(std::string& s, const std::string& from, const std::string& to) {
-    for (size_t pos = s.find(from); pos != std::string::npos; pos = s.find(from, pos + to.size()))
-        s.replace(pos, from.size(), to);
-}
-
 std::string SaneEnv::expand(const std::string& text) {
     std::string s = text;
     replaceAll(s, "@MODELDIR@", sourceDir() + "/etc/models");
