@@ -7,6 +7,8 @@
 //
 //   quarto-netsim [--port N] [--log FILE] [--lifetime SECONDS] SCENARIO
 //
+// It ends after the lifetime (600 s by default), on SIGTERM, or when the
+// process that started it ends.
 // Run it only inside a network namespace made for the purpose.
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -221,9 +223,12 @@ int main(int argc, char** argv) {
     }
     log("listening port=" + std::to_string(port) + " replies=" + std::to_string(packets.size()));
 
+    // A test that starts the responder may be killed without a chance to stop
+    // it: the responder ends when the process that started it has gone.
+    const pid_t parent = getppid();
     const double end = now() + (double)lifetime;
     std::vector<char> buf(MAX_PACKET);
-    while (now() < end) {
+    while (now() < end && getppid() == parent) {
         pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, 200) <= 0) continue;
         sockaddr_in from{};

@@ -66,8 +66,9 @@ private:
     }
 };
 
-#define NET_RIG_OR_SKIP(rig)                                                      \
-    do {                                                                          \
+// Skips the test, saying why, when the rig has no namespaces.
+#define NET_RIG_OR_SKIP(rig)                                                                 \
+    do {                                                                                     \
         if (!(rig).lab.ok()) GTEST_SKIP() << "no network namespace: " << (rig).lab.whyNot(); \
     } while (0)
 

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +27,13 @@ const int IP_TIMEOUT_S = 20;
 
 std::atomic<int> g_labCount{0};
 
+// A process that has ended but is not yet reaped counts as gone.
+bool processAlive(long pid) {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t paren = stat.rfind(')');
+    return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
+}
+
 // Namespaces of this naming whose creating process is gone (a test killed by
 // its time limit cannot run its destructors).
 void removeStaleNamespaces() {
@@ -38,7 +44,7 @@ void removeStaleNamespaces() {
         std::string name = e->d_name;
         if (name.compare(0, sizeof(NS_PREFIX) - 1, NS_PREFIX) != 0) continue;
         long pid = atol(name.c_str() + sizeof(NS_PREFIX) - 1);
-        if (pid > 0 && kill((pid_t)pid, 0) != 0 && errno == ESRCH) stale.push_back(name);
+        if (pid > 0 && !processAlive(pid)) stale.push_back(name);
     }
     closedir(d);
     for (const std::string& ns : stale) runProgram({"ip", "netns", "del", ns}, {}, nullptr, nullptr, IP_TIMEOUT_S);
@@ -99,18 +105,13 @@ void NetLab::endProcessesIn(const std::string& ns) {
 NetLab::~NetLab() {
     if (iResponder > 0) {
         kill(iResponder, SIGTERM);
-        int status;
-        const time_t deadline = time(nullptr) + 2;
-        while (waitpid(iResponder, &status, WNOHANG) == 0 && time(nullptr) <= deadline) usleep(10000);
-        kill(iResponder, SIGKILL);
-        waitpid(iResponder, &status, WNOHANG);
+        waitProgram(iResponder, 2);
     }
     for (const std::string& ns : {szDeviceNs, szBackendNs}) {
         if (ns.empty()) continue;
         endProcessesIn(ns);
         runProgram({"ip", "netns", "del", ns}, {}, nullptr, nullptr, IP_TIMEOUT_S);
     }
-    if (iResponder > 0) waitpid(iResponder, nullptr, 0);
 }
 
 std::vector<std::string> NetLab::backendLauncher(const std::string& dir) const {
@@ -122,22 +123,14 @@ bool NetLab::startResponder(const std::string& scenarioFile, const std::string& 
     const std::string program = binaryDir() + "/sim/net/quarto-netsim";
     const std::string lifetime = std::to_string(RESPONDER_LIFETIME_S);
     const std::string errFile = logFile + ".err";
-    iResponder = fork();
+    ChildFds fds;
+    fds.out = fds.err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    // The responder ends by itself when this process ends, whatever ends it.
+    iResponder = spawnProgram({"ip", "netns", "exec", szDeviceNs, program, "--log", logFile, "--lifetime", lifetime,
+                               scenarioFile},
+                              {}, fds);
+    if (fds.out >= 0) close(fds.out);
     if (iResponder < 0) return false;
-    if (iResponder == 0) {
-        // Ends with the test process, whatever ends it.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        int in = open("/dev/null", O_RDONLY);
-        int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-        if (in >= 0) dup2(in, 0);
-        if (err >= 0) {
-            dup2(err, 1);
-            dup2(err, 2);
-        }
-        execlp("ip", "ip", "netns", "exec", szDeviceNs.c_str(), program.c_str(), "--log", logFile.c_str(),
-               "--lifetime", lifetime.c_str(), scenarioFile.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
     const time_t deadline = time(nullptr) + RESPONDER_START_S;
     while (time(nullptr) <= deadline) {
         if (readFile(logFile).find("listening port=") != std::string::npos) return true;
