@@ -1,8 +1,8 @@
 // What the tests of network scans expect, computed independently of the
 // backend and of the simulated scan program: the page formula of the network
-// pages, the image utilities' rotation and nearest-neighbour resizing as the
-// specification states them (quirks included), the program's record of its
-// argument vectors, and a scan directory with the job file the program reads.
+// pages, the rotation and nearest-neighbour resizing as the image utilities
+// must do them (quirks included), the program's record of its argument
+// vectors, and a scan directory with the job file the program reads.
 #ifndef QUARTO_NETJOB_H
 #define QUARTO_NETJOB_H
 
