@@ -23,19 +23,32 @@ void placeReversed(const unsigned char* src, size_t n, unsigned char* dst) {
     for (size_t i = 0; i < n; i += BPP) memcpy(dst - i, src + i, BPP);
 }
 
+// The size of the geometry, or 0 when it does not fit (with one pixel more).
+int sizeOf(int width, int height, int bytesPerPixel) {
+    const long long size = (long long)width * height * bytesPerPixel;
+    if (width <= 0 || height <= 0 || size <= 0 || size > INT_MAX - bytesPerPixel) {
+        LOG_DEBUG("[ERROR] image geometry %d x %d x %d does not fit", width, height, bytesPerPixel);
+        return 0;
+    }
+    return (int)size;
+}
+
 }  // namespace
 
 Image::Image(int width, int height, int colordepth)
     : mColordepth(colordepth), mBytesPerPixel(getBytesPerPixel(colordepth)), mWidth(width), mHeight(height) {
-    long long size = (long long)width * height * mBytesPerPixel;
+    const int size = sizeOf(width, height, mBytesPerPixel);
     // One spare pixel behind the image: the 180-degree mapping stores the
     // first pixel of the file there.
-    if (width <= 0 || height <= 0 || size <= 0 || size > INT_MAX - mBytesPerPixel) {
-        LOG_DEBUG("[ERROR] image geometry %d x %d x %d does not fit", width, height, mBytesPerPixel);
-        return;
-    }
-    mData.reset((unsigned char*)calloc((size_t)size + (size_t)mBytesPerPixel, 1));
-    if (mData) mSize = (int)size;
+    if (size > 0) mData.reset((unsigned char*)calloc((size_t)size + (size_t)mBytesPerPixel, 1));
+    if (mData) mSize = size;
+}
+
+Image::Image(int width, int height, int colordepth, unsigned char* buffer)
+    : mColordepth(colordepth), mBytesPerPixel(getBytesPerPixel(colordepth)), mWidth(width), mHeight(height),
+      mData(buffer) {
+    const int size = sizeOf(width, height, mBytesPerPixel);
+    if (size > 0 && mData) mSize = size;
 }
 
 Image::~Image() = default;
@@ -88,6 +101,8 @@ unsigned char* Image::rotate180(FILE* f) {
         done += whole;
         if (got < want) break;  // the file ended; a partial pixel is not placed
     }
+    // What no pixel reached stays zero: the first pixel at least.
+    memset(base, 0, total + bpp - done);
     return base;
 }
 
@@ -98,13 +113,17 @@ unsigned char* Image::rotate270(FILE* f) {
     const long rowBytes = (long)mWidth * bpp;
     std::vector<unsigned char> row((size_t)rowBytes);
     unsigned char* base = mData.get();
-    long done = 0;
-    for (long r = 0; r < mHeight && done < mSize; ++r) {
+    long rows = 0;
+    for (; rows < mHeight && rows * rowBytes < mSize; ++rows) {
         if (fread(row.data(), 1, (size_t)rowBytes, f) != (size_t)rowBytes) break;
-        done += rowBytes;
         for (long c = 0; c < mWidth; ++c)
-            memcpy(base + ((mWidth - 1 - c) * (long)mHeight + r) * bpp, row.data() + c * bpp, (size_t)bpp);
+            memcpy(base + ((mWidth - 1 - c) * (long)mHeight + rows) * bpp, row.data() + c * bpp, (size_t)bpp);
     }
+    // What no row reached stays zero: the columns of the rows the file lacked,
+    // and the spare pixel.
+    for (long d = 0; d < mWidth && rows < mHeight; ++d)
+        memset(base + (d * mHeight + rows) * bpp, 0, (size_t)((mHeight - rows) * bpp));
+    memset(base + mSize, 0, (size_t)bpp);
     std::swap(mWidth, mHeight);
     return base;
 }

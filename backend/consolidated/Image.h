@@ -15,6 +15,10 @@ public:
     // Computes the bytes per pixel and the size and allocates the zeroed buffer;
     // a geometry whose size does not fit leaves the image empty.
     Image(int width, int height, int colordepth);
+    // The same over buffer, taken over (malloc'ed, freed with free()): it must
+    // hold the image and one pixel more. Its contents need not be zero; the
+    // rotation clears what it does not fill, so the result is the same.
+    Image(int width, int height, int colordepth, unsigned char* buffer);
     ~Image();
     Image(const Image&) = delete;
     Image& operator=(const Image&) = delete;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/select.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -106,6 +107,21 @@ const int BAND_HEADER_LEN = 16;
 const unsigned MAX_BAND_DIMENSION = 1u << 16;
 const long long MAX_BAND_BYTES = 1LL << 26;
 
+// A decoded page buffer: the page and one spare pixel behind it, so that the
+// rotation can take the buffer over. Pages are large (a 600 dpi A4 colour page
+// is 104 MB), so they are asked for in transparent huge pages where the system
+// offers them, which spares most of the page faults of filling them.
+const long ROTATION_SPARE = 3;
+const size_t HUGE_PAGE = 2u << 20;
+unsigned char* allocPageBuffer(long long bytes) {
+    const size_t size = (size_t)bytes + ROTATION_SPARE;
+    void* p = nullptr;
+    if (size < HUGE_PAGE) return (unsigned char*)malloc(size);
+    if (posix_memalign(&p, HUGE_PAGE, size) != 0) return nullptr;
+    madvise(p, size, MADV_HUGEPAGE);
+    return (unsigned char*)p;
+}
+
 unsigned readBE16(const unsigned char* p, long len, long off) {
     return (off >= 0 && off + 2 <= len) ? unsigned(p[off] << 8 | p[off + 1]) : 0u;
 }
@@ -164,6 +180,38 @@ bool privateDirectory(const std::string& dir) {
         if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) return false;
     }
     return true;
+}
+
+// A UDP socket with SO_BROADCAST and SO_REUSEADDR, bound to port 5353 of any
+// address (and non-blocking when asked), or -1.
+int openDiscoverySocket(bool nonBlocking) {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (nonBlocking) fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    struct sockaddr_in any;
+    memset(&any, 0, sizeof(any));
+    any.sin_family = AF_INET;
+    any.sin_port = htons(NET_DISCOVERY_PORT);
+    any.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (bind(fd, (struct sockaddr*)&any, sizeof(any)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The scan program's code of a list index of the front end, or -1 outside the list.
+template <size_t N>
+int mapIndex(const int (&table)[N], int index) {
+    return index >= 0 && (size_t)index < N ? table[index] : -1;
+}
+
+int mappedSize(int boxKind, int index) {
+    return boxKind != 0 ? mapIndex(isd_sane_size_kestrel_size_mapping, index)
+                        : mapIndex(sane_size_kestrel_size_mapping, index);
 }
 
 // The page file's side file: its last ".pxm" replaced by ".conf".
@@ -481,6 +529,19 @@ bool NetComm::acceptDevice(const NValueObjects& device, const char* manufacturer
     return false;
 }
 
+ssize_t NetComm::sendQuery(int fd) {
+    unsigned char* packet = nullptr;
+    int length = createMdnsPacket(&packet);
+    struct sockaddr_in to;
+    memset(&to, 0, sizeof(to));
+    to.sin_family = AF_INET;
+    to.sin_port = htons(NET_DISCOVERY_PORT);
+    to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+    ssize_t sent = packet ? sendto(fd, packet, (size_t)length, 0, (struct sockaddr*)&to, sizeof(to)) : -1;
+    free(packet);
+    return sent;
+}
+
 int NetComm::getScanners(char*** list, int* count, void* conf) {
     LOG_METHOD_START();
     if (list == nullptr || count == nullptr) {
@@ -489,38 +550,19 @@ int NetComm::getScanners(char*** list, int* count, void* conf) {
     }
     SaneConfReader* reader = static_cast<SaneConfReader*>(conf);
     const char* manufacturer = reader != nullptr ? reader->GetManufacturer() : MAKER_NAME;
-    unsigned char* packet = nullptr;
-    int packetLen = createMdnsPacket(&packet);
     *list = nullptr;
     *count = 0;
     vDevices.clear();
 
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int on = 1;
-    struct sockaddr_in any;
-    memset(&any, 0, sizeof(any));
-    any.sin_family = AF_INET;
-    any.sin_port = htons(NET_DISCOVERY_PORT);
-    any.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (fd >= 0) {
-        setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    }
-    if (fd < 0 || bind(fd, (struct sockaddr*)&any, sizeof(any)) != 0) {
+    int fd = openDiscoverySocket(true);
+    if (fd < 0) {
         LOG_DEBUG("broadcase eror");  // spelled so on purpose
-        if (fd >= 0) close(fd);
-        free(packet);
         LOG_METHOD_END_INT(COMM_STATUS_BIND_FAILED);
         return COMM_STATUS_BIND_FAILED;
     }
 
     int status = COMM_STATUS_GOOD;
-    struct sockaddr_in broadcast = any;
-    broadcast.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    ssize_t sent = packet ? sendto(fd, packet, (size_t)packetLen, 0, (struct sockaddr*)&broadcast, sizeof(broadcast))
-                          : -1;
-    free(packet);
+    ssize_t sent = sendQuery(fd);
     if (sent < 1) {
         LOG_DEBUG("sendto return an error");
         status = COMM_STATUS_SEND_FAILED;
@@ -610,28 +652,12 @@ int NetComm::makeDeviceList(bool placeholder, char*** list, int* count) {
 NValueObjects* NetComm::getScanner(char* name) {
     LOG_METHOD_START();
     if (name == nullptr) return nullptr;
-    unsigned char* packet = nullptr;
-    int packetLen = createMdnsPacket(&packet);
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int on = 1;
-    struct sockaddr_in addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(NET_DISCOVERY_PORT);
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (fd >= 0) {
-        setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    }
-    if (fd < 0 || bind(fd, (struct sockaddr*)&addr, sizeof(addr)) != 0) {
+    int fd = openDiscoverySocket(false);
+    if (fd < 0) {
         LOG_DEBUG("creating datagram socket failed");
-        if (fd >= 0) close(fd);
-        free(packet);
         return nullptr;
     }
-    addr.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    ssize_t sent = packet ? sendto(fd, packet, (size_t)packetLen, 0, (struct sockaddr*)&addr, sizeof(addr)) : -1;
-    free(packet);
+    ssize_t sent = sendQuery(fd);
     if (sent < 1) {
         LOG_DEBUG("failed to send mDNS packet");
         close(fd);
@@ -745,16 +771,13 @@ int NetComm::buildScanCommand(std::string& command, std::string& pageFile, bool&
     }
     const int sizeIndex = optionInt("ORIGINALSIZE");
     const int sourceIndex = optionInt("DOCUMENTSOURCE");
-    const int* sizes = boxKind != 0 ? isd_sane_size_kestrel_size_mapping : sane_size_kestrel_size_mapping;
-    const int sizeCount = boxKind != 0 ? 32 : 38;
-    const int* sources =
-        boxKind != 0 ? isd_sane_docsource_kestrel_docsource_mapping : pssd_sane_docsource_kestrel_docsource_mapping;
-    const int sourceCount = boxKind != 0 ? 9 : 10;
-    if (sizeIndex < 0 || sizeIndex >= sizeCount || sourceIndex < 0 || sourceIndex >= sourceCount) {
+    const int size = mappedSize(boxKind, sizeIndex);
+    const int source = boxKind != 0 ? mapIndex(isd_sane_docsource_kestrel_docsource_mapping, sourceIndex)
+                                    : mapIndex(pssd_sane_docsource_kestrel_docsource_mapping, sourceIndex);
+    if (size < 0 || source < 0) {
         LOG_DEBUG("[ERROR] ORIGINALSIZE %d or DOCUMENTSOURCE %d outside its list", sizeIndex, sourceIndex);
         return COMM_STATUS_INVALID_ARG;
     }
-    const int size = sizes[sizeIndex];
     morePages = jobHasMorePages(size);
 
     // Every value that is not a number or the checked address is shell-quoted,
@@ -770,7 +793,7 @@ int NetComm::buildScanCommand(std::string& command, std::string& pageFile, bool&
                        optionInt("COLORDROPOUT"), optionInt("COLORDROPOUTTHRESHOLD"), compression, type);
     // Only colour jobs send a contrast.
     if (depth == COLOR_DEPTH_COLOR) args += formatText(" --contrast=%d", contrast);
-    args += formatText(" --documentsource=%d --sharpness=%d --start-now=%d", sources[sourceIndex],
+    args += formatText(" --documentsource=%d --sharpness=%d --start-now=%d", source,
                        optionInt("SHARPNESS"), optionInt("SCAN_NOW"));
     command = utilShellQuote(binary) + " " + args;
     // A cut command could lose arguments or a closing quote: it is not run.
@@ -869,13 +892,8 @@ int NetComm::nextPage() {
         endJob();
         return COMM_STATUS_INVALID_ARG;
     }
-    std::string page = formatText("%s/%s%s.%d", dir, profile, PAGE_FILE_SUFFIX, counter);
-    const int boxKind = optionInt("BOXKIND");
-    const int sizeIndex = optionInt("ORIGINALSIZE");
-    const int sizeCount = boxKind != 0 ? 32 : 38;
-    const int size = sizeIndex < 0 || sizeIndex >= sizeCount ? -1
-                     : boxKind != 0                          ? isd_sane_size_kestrel_size_mapping[sizeIndex]
-                                                             : sane_size_kestrel_size_mapping[sizeIndex];
+    const std::string page = std::string(dir) + "/" + profile + PAGE_FILE_SUFFIX + "." + std::to_string(counter);
+    const int size = mappedSize(optionInt("BOXKIND"), optionInt("ORIGINALSIZE"));
     if (jobHasMorePages(size)) {
         ++counter;
         LOG_DEBUG("incrementing counter to: %d", counter);
@@ -893,9 +911,7 @@ int NetComm::nextPage() {
 
 int NetComm::processPage(const std::string& path, bool firstPage) {
     LOG_DEBUG("trying to open image file now %s", path.c_str());
-    szImageFile = path;
-    pImageFile.reset(openRegularFile(path));
-    if (!pImageFile) {
+    if (!openPage(path)) {
         LOG_DEBUG("[ERROR] failed to open image file");
         endJob();
         return COMM_STATUS_READ_FAILED;
@@ -912,6 +928,12 @@ int NetComm::processPage(const std::string& path, bool firstPage) {
     // The page is decoded and at hand: the session skips the device exchanges
     // of a USB scan (lock, start) and reads it straight away.
     return COMM_STATUS_CACHED_PAGES;
+}
+
+bool NetComm::openPage(const std::string& path) {
+    szImageFile = path;
+    pImageFile.reset(openRegularFile(path));
+    return pImageFile != nullptr;
 }
 
 void NetComm::readSideFile(const std::string& path, bool firstPage) {
@@ -1048,7 +1070,7 @@ int NetComm::decodeZlibPage(int* fileDpi) {
         return 1;
     }
     std::unique_ptr<unsigned char, FreeDeleter> compressed((unsigned char*)malloc((size_t)compressedLen));
-    std::unique_ptr<unsigned char, FreeDeleter> out((unsigned char*)malloc((size_t)expected));
+    std::unique_ptr<unsigned char, FreeDeleter> out(allocPageBuffer(expected));
     if (!compressed || !out || fread(compressed.get(), 1, (size_t)compressedLen, f) != (size_t)compressedLen) {
         LOG_DEBUG("[ERROR] page data not read");
         return 1;
@@ -1107,24 +1129,28 @@ int NetComm::rotatePage() {
         LOG_DEBUG("[ERROR] TEMPDIRECTORY [%s] refused", dir ? dir : "NULL");
         return 1;
     }
-    Image image(iWidth, iHeight, optionInt("COLORDEPTH"));
-    if ((long)image.getSize() != iImageSize) return 1;
     const std::string path = std::string(dir) + "/" + UNROTATED_FILE;
     std::unique_ptr<FILE, FileCloser> file(writeDataToFile(pImage.get(), iImageSize, path));
     if (!file) return 1;
-    unsigned char* turned = image.rotateImageFromFile(file.get(), iRotate);
+    // The page is in the file now, so its buffer (which has the spare pixel)
+    // takes the turned image.
+    const long size = iImageSize;
+    const int depth = optionInt("COLORDEPTH");
+    Image image(iWidth, iHeight, depth, pImage.release());
+    const bool fits = (long)image.getSize() == size;
+    unsigned char* turned = fits ? image.rotateImageFromFile(file.get(), iRotate) : nullptr;
     file.reset();
     unlink(path.c_str());
     if (turned == nullptr) {
-        // An angle other than 90, 180 and 270 leaves the page as it is.
+        // An angle other than 90, 180 and 270 leaves the page as it is: the
+        // buffer comes back untouched.
         LOG_DEBUG("rotation by %d not done", iRotate);
-        return 0;
+        setImage(image.releaseData(), size, iWidth, iHeight);
+        return fits ? 0 : 1;
     }
-    // The turned image takes the place of the page; its buffer holds the page
-    // and the spare pixel of the 180-degree mapping behind it.
     const int width = image.getWidth();
     const int height = image.getHeight();
-    setImage(image.releaseData(), iImageSize, width, height);
+    setImage(image.releaseData(), size, width, height);
     updateImageDimension(height, width);
     LOG_DEBUG("rotation done");
     return 0;
@@ -1194,7 +1220,7 @@ int NetComm::wicket_decompress() {
         LOG_DEBUG("Wicket Error : %d", -1);
         return 1;
     }
-    std::unique_ptr<unsigned char, FreeDeleter> out((unsigned char*)malloc((size_t)total));
+    std::unique_ptr<unsigned char, FreeDeleter> out(allocPageBuffer(total));
     if (!out) return 1;
 
     // Second pass: decode every band (three planes for colour, one otherwise)

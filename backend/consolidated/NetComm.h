@@ -127,6 +127,8 @@ public:
     // Opens the page file and post-processes it: 19 when ready, 15 when the
     // page cannot be read or decoded (the job then ends).
     int processPage(const std::string& path, bool firstPage);
+    // Opens path as the page to post-process; false when it cannot be read.
+    bool openPage(const std::string& path);
     // Decodes, turns and scales the open page; 0 on success.
     int postProcess(bool firstPage);
     // Reads the PXM header of the open page; 0 on success.
@@ -160,6 +162,8 @@ private:
         void operator()(FILE* f) const { fclose(f); }
     };
 
+    // Sends the query to 255.255.255.255:5353; the result of sendto.
+    ssize_t sendQuery(int fd);
     int optionInt(const char* key) const;
     const char* optionString(const char* key) const;
     // The next page of a multi-page job.
