@@ -20,7 +20,7 @@ using Bytes = std::vector<unsigned char>;
 // A temporary file holding data, positioned anywhere but at its start.
 FILE* fileWith(const Bytes& data) {
     FILE* f = tmpfile();
-    if (!data.empty()) fwrite(data.data(), 1, data.size(), f);
+    if (!data.empty()) fwrite(data.data(), 1, data.size(), f);  // no null pointer to fwrite for an empty file
     return f;
 }
 
