@@ -124,16 +124,11 @@ bool interfaceQualifies(const struct usb_device* dev, int i) {
 
 unsigned roundUp8(unsigned v) { return (v + 7u) & ~7u; }
 
-// Closes up the first lines of a band, decoded into buf with lines of
-// bandStride bytes, to lines of the image's rowBytes: a wider band line loses
-// what lies beyond the image, a narrower one is followed by zeros.
-void packLines(unsigned char* buf, long lines, long bandStride, long rowBytes) {
-    if (bandStride == rowBytes) return;
-    if (bandStride > rowBytes) {
-        for (long l = 1; l < lines; ++l) memmove(buf + l * rowBytes, buf + l * bandStride, (size_t)rowBytes);
-        return;
-    }
-    // Lines move back, so the last goes first and none is overwritten before it moved.
+// Widens the first lines of a band narrower than the image, decoded into buf
+// with lines of bandStride bytes, to lines of the image's rowBytes, each
+// followed by zeros. The last line moves first, so none is overwritten before
+// it moved.
+void widenLines(unsigned char* buf, long lines, long bandStride, long rowBytes) {
     for (long l = lines - 1; l >= 0; --l) {
         memmove(buf + l * rowBytes, buf + l * bandStride, (size_t)bandStride);
         memset(buf + l * rowBytes + bandStride, 0, (size_t)(rowBytes - bandStride));
@@ -166,6 +161,11 @@ struct IOComm::BandStream {
     long iBpp = 1;
     long iRowBytes = 0;   // one line of the image
     long iLinesLeft = 0;  // lines of the image no band has reached yet
+    // Handing out: the bytes of the current line already handed out, and the
+    // bytes between the end of a line in the band buffer and the next line
+    // (the padding of a band at least as wide as the image).
+    long iLinePos = 0;
+    long iLineGap = 0;
 
     // The band header at pos; false when fewer bytes than a header are left.
     bool headerAt(unsigned int pos, BandHeader* band) const {
@@ -1207,8 +1207,8 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
     stream.iLinesLeft = lines;
     iDecompSize = rowBytes * lines;
 
-    // The band buffer holds the largest band, decoded or packed, and the
-    // zeros handed out for lines no band reaches.
+    // The band buffer holds the largest band, as decoded or widened to the
+    // image's lines, and the zeros handed out for lines no band reaches.
     long bufferBytes = std::min(iDecompSize, (long)USB_DECOMP_PIECE);
     long linesLeft = lines;
     long outLine = 0;
@@ -1292,8 +1292,10 @@ int IOComm::decodeBand(const BandHeader& band, unsigned int pos) {
                                                              &produced, &consumed);
 }
 
-// Decodes the next band and closes up those of its lines that the image still
-// takes; iBandLeft is then their bytes (0 for a band past the image's end).
+// Decodes the next band; iBandLeft is then the bytes of its lines that the
+// image still takes (0 for a band past the image's end). A band at least as
+// wide as the image stays as decoded, and handing out skips the rest of each
+// of its lines; a narrower one is widened with zeros to the image's lines.
 int IOComm::decodeNextBand() {
     BandStream& stream = *pBands;
     BandHeader band;
@@ -1305,8 +1307,14 @@ int IOComm::decodeNextBand() {
     stream.iPos += band.iBytes;
     if (err != 0) return err;
     const long lines = std::min((long)band.iLines, stream.iLinesLeft);
+    const long bandStride = (long)roundUp8(band.iWidth) * stream.iBpp;
     stream.iLinesLeft -= lines;
-    packLines(pDecompData.data(), lines, (long)roundUp8(band.iWidth) * stream.iBpp, stream.iRowBytes);
+    if (bandStride < stream.iRowBytes) {
+        widenLines(pDecompData.data(), lines, bandStride, stream.iRowBytes);
+        stream.iLineGap = 0;
+    } else {
+        stream.iLineGap = bandStride - stream.iRowBytes;
+    }
     pDecompDataPtr = pDecompData.data();
     iBandLeft = lines * stream.iRowBytes;
     return 0;
@@ -1326,6 +1334,7 @@ int IOComm::fillDecompBuffer() {
             iBandLeft = std::min(iDecompSize, (long)USB_DECOMP_PIECE);
             memset(pDecompData.data(), 0, (size_t)iBandLeft);
             pDecompDataPtr = pDecompData.data();
+            pBands->iLineGap = 0;
         } else {
             break;
         }
@@ -1342,9 +1351,20 @@ int IOComm::readDecompressedImage(int* length, DataBuffer* buffer) {
         return COMM_STATUS_READ_FAILED;
     }
     if (iBandLeft > 0) {
+        BandStream& stream = *pBands;
         const int n = iBandLeft < USB_DECOMP_PIECE ? (int)iBandLeft : USB_DECOMP_PIECE;
-        buffer->SetRawData(pDecompDataPtr, n);
-        pDecompDataPtr += n;
+        // The piece goes line by line, so the padding behind a line is skipped.
+        for (long left = n; left > 0;) {
+            const long take = std::min(left, stream.iRowBytes - stream.iLinePos);
+            buffer->SetRawData(pDecompDataPtr, (int)take);
+            pDecompDataPtr += take;
+            stream.iLinePos += take;
+            left -= take;
+            if (stream.iLinePos == stream.iRowBytes) {
+                pDecompDataPtr += stream.iLineGap;
+                stream.iLinePos = 0;
+            }
+        }
         iBandLeft -= n;
         iDecompSize -= n;
         *length = n;

@@ -158,10 +158,10 @@ private:
     struct FreeDeleter {
         void operator()(unsigned char* p) const;
     };
-    // A compressed job: the collected bands and the decoder, the decoded
-    // lines of the current band (packed to the image's line length), the read
-    // position in them and the bytes of them still to hand out, and the bytes
-    // of the image still to deliver.
+    // A compressed job: the collected bands and the decoder, the band buffer
+    // with the decoded lines of the current band, the read position in it and
+    // the bytes of the image's lines in it still to hand out, and the bytes of
+    // the image still to deliver.
     std::unique_ptr<BandStream> pBands;
     std::vector<unsigned char> pDecompData;
     unsigned char* pDecompDataPtr = nullptr;
