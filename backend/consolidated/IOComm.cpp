@@ -1022,7 +1022,12 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
         return COMM_STATUS_INVALID_ARG;
     }
     int rc;
-    if (pCommand->getCompression() == COMPRESSION_ON)
+    // A compressed job collected at the start is read out without asking the
+    // command object again for every piece: the start decided on the mode
+    // with the same question, and its option look-ups and log lines cost more
+    // than handing the piece out. While pages of a feeder job are cached, the
+    // command object decides as before.
+    if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
         rc = readDecompressedImage(length, buffer);
     else if (bMultiPage)
         rc = readCachedPage(length, buffer);
