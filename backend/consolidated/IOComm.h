@@ -15,8 +15,6 @@
 #include "CLogger.h"
 #include "ICommunication.h"
 
-class Wicket;
-
 // Chunk size of every scan data read.
 const int USB_CHUNK_SIZE = 8192;
 // Largest reply to a command.

@@ -976,7 +976,7 @@ protected:
 };
 
 // Band width and lines as encoded, image width and lines as the options give them.
-struct LazyCase {
+struct PageGeometry {
     const char* label;
     int depth;
     int width;
@@ -985,10 +985,10 @@ struct LazyCase {
     int pixels;
     int imageLines;
 };
-class CompressedPages : public CompressedJob, public ::testing::WithParamInterface<LazyCase> {};
+class CompressedPages : public CompressedJob, public ::testing::WithParamInterface<PageGeometry> {};
 
 TEST_P(CompressedPages, ComeOutAsTheReferenceDecodesTheBandsInPiecesOf16384AtMost) {
-    const LazyCase& c = GetParam();
+    const PageGeometry& c = GetParam();
     const int planes = c.depth == 2 ? 3 : 1;
     open326();
     compressedImage(c.pixels, c.imageLines, c.depth);
@@ -1008,14 +1008,14 @@ INSTANTIATE_TEST_SUITE_P(
     Geometry, CompressedPages,
     ::testing::Values(
         // Lines longer than a piece, of a width the bands pad to 6008 pixels.
-        LazyCase{"colour_lines_longer_than_a_piece", 2, 6001, 20, 8, 6001, 20},
-        LazyCase{"grey_padded_width_several_bands", 1, 37, 50, 16, 37, 50},
+        PageGeometry{"colour_lines_longer_than_a_piece", 2, 6001, 20, 8, 6001, 20},
+        PageGeometry{"grey_padded_width_several_bands", 1, 37, 50, 16, 37, 50},
         // Bands wider than the image lose what lies beyond it.
-        LazyCase{"colour_bands_wider_than_the_image", 2, 48, 24, 8, 41, 24},
+        PageGeometry{"colour_bands_wider_than_the_image", 2, 48, 24, 8, 41, 24},
         // The last band reaches below the image; below the last band, zeros.
-        LazyCase{"colour_more_lines_sent_than_the_image_holds", 2, 40, 24, 16, 40, 20},
-        LazyCase{"grey_fewer_lines_sent_than_the_image_holds", 1, 40, 24, 8, 40, 30}),
-    [](const ::testing::TestParamInfo<LazyCase>& i) { return std::string(i.param.label); });
+        PageGeometry{"colour_more_lines_sent_than_the_image_holds", 2, 40, 24, 16, 40, 20},
+        PageGeometry{"grey_fewer_lines_sent_than_the_image_holds", 1, 40, 24, 8, 40, 30}),
+    [](const ::testing::TestParamInfo<PageGeometry>& i) { return std::string(i.param.label); });
 
 TEST_F(CompressedJob, BandThatFailsInMidPageEndsTheReadAndTheNextScanIsWhole) {
     open326();
