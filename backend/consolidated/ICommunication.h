@@ -27,6 +27,7 @@ const int COMM_STATUS_RELEASE_FAILED = 13;   // releasing the interface failed
 const int COMM_STATUS_WRITE_FAILED = 14;     // bulk write failed
 const int COMM_STATUS_READ_FAILED = 15;      // bulk read failed or returned nothing
 const int COMM_STATUS_CACHED_PAGES = 19;     // deliver cached pages instead of scanning
+const int COMM_STATUS_NO_MORE_PAGES = 20;    // network: the multi-page job has no further page
 const int COMM_STATUS_SEND_FAILED = 99;      // network discovery query not sent
 
 // Default timeout of reads and writes, in milliseconds.

@@ -7,13 +7,6 @@
 
 namespace {
 
-const char MAKER_NAME[] = "Tarvesk";
-// The partner brand recognised on its own in a configuration file name.
-const char PARTNER_BRAND[] = "Velmarsk";
-// Every partner brand; longer than cBackend holds, so it is cut to 31 characters
-// when stored: intended.
-const char PARTNER_BRAND_LIST[] = "Velmarsk,Quindorra,Ostrevin,Brannakt";
-
 void copyManufacturer(char* dst, size_t size, const char* text) {
     // Keeps what fits, terminated; the rest of a longer text is dropped.
     size_t n = strnlen(text, size - 1);
@@ -74,6 +67,12 @@ int SaneConfReader::LoadConf(const char* fileName) {
     const std::string& netFlag = configPairs["DISCOVER_NET_FLAG"];
     LOG_DEBUG("DISCOVER_USB_FLAG: %s", usbFlag.c_str());
     LOG_DEBUG("DISCOVER_NET_FLAG: %s", netFlag.c_str());
+    // A manufacturer given in the file overrides the one derived from its name.
+    auto manufacturer = configPairs.find("MANUFACTURER");
+    if (manufacturer != configPairs.end()) {
+        LOG_DEBUG("MANUFACTURER: %s", manufacturer->second.c_str());
+        PushManufacturer(manufacturer->second.c_str());
+    }
     LOG_METHOD_END_INT(1);
     return 1;
 }
@@ -122,7 +121,7 @@ int SaneConfReader::PushManufacturer(const char* text) {
         copyManufacturer(cBackend, sizeof(cBackend), MAKER_NAME);
     else if (text != nullptr && strcasestr(text, PARTNER_BRAND) != nullptr)
         copyManufacturer(cBackend, sizeof(cBackend), PARTNER_BRAND);
-    else
+    else  // the list is longer than cBackend holds and is cut to 31 characters: intended
         copyManufacturer(cBackend, sizeof(cBackend), PARTNER_BRAND_LIST);
     return 0;
 }

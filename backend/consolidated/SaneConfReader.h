@@ -9,6 +9,12 @@
 
 #include "CLogger.h"
 
+// The maker's name, the one partner brand treated like the maker, and the
+// built-in list of every partner brand.
+const char MAKER_NAME[] = "Tarvesk";
+const char PARTNER_BRAND[] = "Velmarsk";
+const char PARTNER_BRAND_LIST[] = "Velmarsk,Quindorra,Ostrevin,Brannakt";
+
 struct ScannerInfo {
     int iVID = 0;
     int iPID = 0;

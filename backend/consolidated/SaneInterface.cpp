@@ -442,15 +442,6 @@ ScanLib* liveSession(SANE_Handle handle) {
 
 }  // namespace
 
-const int sane_size_kestrel_size_mapping[38] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12,
-                                                13, 27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38,
-                                                14, 15, 16, 17, 18, 20, 21, 22, 23, 24, 25, 26};
-const int isd_sane_size_kestrel_size_mapping[32] = {0,  1,  2,  4,  5,  6,  8,  10, 11, 12, 13,
-                                                    27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37,
-                                                    38, 14, 18, 20, 21, 22, 23, 24, 25, 26};
-const int pssd_sane_docsource_kestrel_docsource_mapping[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 10};
-const int isd_sane_docsource_kestrel_docsource_mapping[9] = {0, 1, 2, 3, 4, 6, 7, 8, 10};
-
 void GetListValues(ScanLib* session) {
     LOG_METHOD_START();
     const int boxKind = session->GetIntValue("BOXKIND");

@@ -9,13 +9,6 @@ class ScanLib;
 
 #define QUARTO_NUM_OPTIONS 27
 
-// Index in a page-size or document-source list of the front end to the size or
-// document-source code of the scan settings the network scan program takes.
-extern const int sane_size_kestrel_size_mapping[38];
-extern const int isd_sane_size_kestrel_size_mapping[32];
-extern const int pssd_sane_docsource_kestrel_docsource_mapping[10];
-extern const int isd_sane_docsource_kestrel_docsource_mapping[9];
-
 // The option table (process-wide; one session at a time). GetListValues builds
 // the device-dependent lists, InitOptions fills the 27 descriptors from them,
 // UpdateOptions makes the option store recompute what depends on CURRENTDPI.

@@ -375,6 +375,13 @@ int ScanLib::Start() {
     // A busy device at start is reported as cancelled: intended.
     if (r == COMM_STATUS_OPEN_FAILED) SL_RETURN(SL_STATUS_CANCELLED);
     const bool bypass = (r == COMM_STATUS_CACHED_PAGES);
+    if (!bypass && pComm->isLocal() != 1) {
+        // The network transport answers 19 once its page is at hand; without a
+        // page there is nothing to lock or start, so its result ends the start.
+        int s = NetworkOpenStatus(r);
+        LOG_ERROR("network scan job not started: %d", r);
+        SL_RETURN(s);
+    }
     if (bypass) {
         LOG_DEBUG("Bypassing device communication activities...");
     } else {
@@ -468,6 +475,14 @@ int ScanLib::lockAndStart() {
     }
     if (abortedOnCancel()) return SL_STATUS_CANCELLED;
     return SL_STATUS_GOOD;
+}
+
+int ScanLib::NetworkOpenStatus(int comm) {
+    switch (comm) {
+    case COMM_STATUS_NO_MORE_PAGES: return SL_STATUS_NO_DOCS;     // the multi-page job has ended
+    case COMM_STATUS_INVALID_ARG: return SL_STATUS_INVAL;         // a value was refused, nothing ran
+    default: return SL_STATUS_IO_ERROR;                           // the page could not be read or decoded
+    }
 }
 
 int ScanLib::MapToSLSTATUS(int code, int command) {

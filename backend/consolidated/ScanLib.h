@@ -54,6 +54,8 @@ public:
     int Unlock();
     static int isValidName(const char* s);
     int MapToSLSTATUS(int code, int command);
+    // Session status of a network openDevice result other than 8 and 19.
+    static int NetworkOpenStatus(int comm);
 
     // Device capabilities and the settings check.
     int LoadScanDeviceProperties();

@@ -1,5 +1,6 @@
 #include "util.h"
 
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -136,6 +137,13 @@ int writeDataToFile(int fd, const unsigned char* data, unsigned int len) {
         done += (unsigned int)w;
     }
     return 0;
+}
+
+void utilAdviseHugePages(void* p, size_t len) {
+    const uintptr_t huge = uintptr_t(2) << 20;
+    const uintptr_t start = ((uintptr_t)p + huge - 1) & ~(huge - 1);
+    const uintptr_t end = ((uintptr_t)p + len) & ~(huge - 1);
+    if (end > start) madvise((void*)start, end - start, MADV_HUGEPAGE);
 }
 
 std::string utilShellQuote(const std::string& value) {

@@ -2,7 +2,6 @@
 // which devices are listed, under which names, in which order.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,14 +18,11 @@ const char CONF_HEAD[] =
     "DISCOVER_NET_FLAG=0\n"
     "DEVICE_LIST_ORDER_MODE=0\n";
 
-// The "device `...' is a ..." lines of scanimage -L, in order.
 std::vector<std::string> listed(const qt::SaneEnv& sane) {
-    std::string out, err;
-    EXPECT_EQ(0, sane.scanimage({"-L"}, &out, &err)) << err;
-    std::vector<std::string> lines;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("device `", 0) == 0) lines.push_back(line);
+    int rc = 0;
+    std::string err;
+    std::vector<std::string> lines = sane.listDevices(&rc, &err);
+    EXPECT_EQ(0, rc) << err;
     return lines;
 }
 

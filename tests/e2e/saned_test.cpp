@@ -3,16 +3,13 @@
 //
 // The net backend of this SANE release has no port syntax in net.conf: it
 // always connects to the sane-port service (6566). So the test first moves into
-// a network namespace of its own (when it may: root), where 127.0.0.1:6566 is
+// a network namespace of its own (when it may), where 127.0.0.1:6566 is
 // certainly free and no packet can reach any other host; without that right it
 // uses the machine's loopback when 6566 is free there and is skipped otherwise.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -26,6 +23,7 @@
 #include <vector>
 
 #include "e2e_scan.h"
+#include "netns.h"
 
 namespace {
 
@@ -43,21 +41,6 @@ bool loopbackPortFree(int port) {
     bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
     close(fd);
     return ok;
-}
-
-// A private network namespace with its loopback up; saned and the front end
-// started from here inherit it.
-bool enterPrivateNetwork() {
-    if (unshare(CLONE_NEWNET) != 0) return false;
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0) return false;
-    ifreq ifr{};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags = (short)(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
-    up = up && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
-    close(fd);
-    return up;
 }
 
 // saned in its own process group, listening on 127.0.0.1 only, with the
@@ -109,7 +92,8 @@ private:
 class SanedScan : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (enterPrivateNetwork())
+        // saned and the front end started from here inherit the namespace.
+        if (qt::privateNetwork(false))
             fprintf(stderr, "running saned in a private network namespace\n");
         if (!loopbackPortFree(SANE_PORT)) return;
         server.reset(new qt::SaneEnv(e2e::MODELS_CONF, e2e::dataFile("e2e_models.scn")));

@@ -6,13 +6,9 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <sstream>
 
 namespace qt {
-
-static void replaceAll(std::string& s, const std::string& from, const std::string& to) {
-    for (size_t pos = s.find(from); pos != std::string::npos; pos = s.find(from, pos + to.size()))
-        s.replace(pos, from.size(), to);
-}
 
 std::string SaneEnv::expand(const std::string& text) {
     std::string s = text;
@@ -41,9 +37,20 @@ std::vector<std::string> SaneEnv::env(const std::vector<std::string>& extra) con
 
 int SaneEnv::scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
                        const std::vector<std::string>& extraEnv, int timeoutSeconds) const {
-    std::vector<std::string> argv = {"scanimage"};
+    std::vector<std::string> argv = vLauncher;
+    argv.push_back("scanimage");
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv, env(extraEnv), out, err, timeoutSeconds);
+}
+
+std::vector<std::string> SaneEnv::listDevices(int* rc, std::string* err) const {
+    std::string out;
+    *rc = scanimage({"-L"}, &out, err);
+    std::vector<std::string> lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("device `", 0) == 0) lines.push_back(line);
+    return lines;
 }
 
 SaneEnv::Interrupted SaneEnv::scanimageInterrupted(const std::vector<std::string>& args, size_t firstBytes,
@@ -58,6 +65,7 @@ SaneEnv::Interrupted SaneEnv::scanimageInterrupted(const std::vector<std::string
     fds.err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     std::vector<std::string> argv = {"scanimage"};
     argv.insert(argv.end(), args.begin(), args.end());
+    argv.insert(argv.begin(), vLauncher.begin(), vLauncher.end());
     const time_t deadline = time(nullptr) + timeoutSeconds;
     pid_t pid = spawnProgram(argv, env(extraEnv), fds);
     close(out[1]);

@@ -25,9 +25,17 @@ public:
     std::vector<std::string> env(const std::vector<std::string>& extra = {}) const;
     std::string simLogPath() const { return dir.file("usbsim.log"); }
 
+    // Every front end runs behind this command prefix (for example
+    // "ip netns exec NS ..." to run it inside a network namespace).
+    void setLauncher(const std::vector<std::string>& prefix) { vLauncher = prefix; }
+
     // scanimage with the given arguments; returns its exit status.
     int scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
                   const std::vector<std::string>& extraEnv = {}, int timeoutSeconds = 300) const;
+
+    // The "device `...' is a ..." lines of scanimage -L, in order; *rc gets
+    // its exit status.
+    std::vector<std::string> listDevices(int* rc, std::string* err = nullptr) const;
 
     // scanimage with its standard output on a pipe: after `firstBytes` bytes it
     // gets SIGINT (Ctrl-C) and is read on to the end. While the pipe is not
@@ -46,6 +54,7 @@ public:
 private:
     TempDir dir;
     std::string szScenario;
+    std::vector<std::string> vLauncher;
 };
 
 }  // namespace qt

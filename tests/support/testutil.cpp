@@ -62,6 +62,11 @@ void writeFile(const std::string& path, const std::string& content) {
     f << content;
 }
 
+void replaceAll(std::string& s, const std::string& from, const std::string& to) {
+    for (size_t pos = s.find(from); pos != std::string::npos; pos = s.find(from, pos + to.size()))
+        s.replace(pos, from.size(), to);
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
     std::stringstream ss;

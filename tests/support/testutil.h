@@ -29,6 +29,8 @@ private:
 };
 
 void writeFile(const std::string& path, const std::string& content);
+// Replaces every occurrence of from in s by to.
+void replaceAll(std::string& s, const std::string& from, const std::string& to);
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
 // The names in a directory, sorted, without "." and ".."; empty when it cannot be read.

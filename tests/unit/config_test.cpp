@@ -405,6 +405,21 @@ TEST_F(ConfFile, MissingFileReturnsZeroAndKeepsContents) {
     EXPECT_STREQ("Velmarsk", reader.GetManufacturer());  // the file name of the last successful load
 }
 
+// A MANUFACTURER line overrides what the file name gives, wherever it stands;
+// without one the name decides.
+TEST_F(ConfFile, ManufacturerKeyOverridesTheFileName) {
+    auto manufacturer = [this](const std::string& text, const std::string& name) {
+        SaneConfReader fresh;
+        qt::writeFile(dir.file(name), text);
+        EXPECT_EQ(1, fresh.LoadConf(dir.file(name).c_str()));
+        return std::string(fresh.GetManufacturer());
+    };
+    EXPECT_EQ("Velmarsk", manufacturer("MANUFACTURER=Velmarsk\nK=V\n", "quarto.conf"));
+    EXPECT_EQ("Tarvesk", manufacturer("K=V\nMANUFACTURER=tarvesk\n", "velmarsk.conf"));
+    EXPECT_EQ("Velmarsk,Quindorra,Ostrevin,Bra", manufacturer("MANUFACTURER=Ostrevin\n", "tarvesk.conf"));
+    EXPECT_EQ("Velmarsk", manufacturer("K=V\n", "velmarsk-2.conf"));
+}
+
 class Manufacturer : public ::testing::TestWithParam<std::pair<const char*, const char*>> {};
 
 TEST_P(Manufacturer, PushPicksMakerThenPartnerThenTheCutList) {

@@ -22,10 +22,10 @@
 #include "ICommand.h"
 #include "IOComm.h"
 #include "ImageData.h"
-#include "NetComm.h"
 #include "SaneConfReader.h"
 #include "WicketEncoder.h"
 #include "WicketReference.h"
+#include "netns.h"
 #include "testutil.h"
 #include "usbsim.h"
 
@@ -213,6 +213,9 @@ struct FactoryCase {
 class FactoryChoice : public ::testing::TestWithParam<FactoryCase> {};
 
 TEST_P(FactoryChoice, LibusbNamesGetTheUsbTransport) {
+    // A network name unknown to this process is looked up by a query.
+    std::string why;
+    if (!qt::privateNetwork(false, &why)) GTEST_SKIP() << why;
     std::unique_ptr<ICommunication> c(Device::CreateInstance(GetParam().name, nullptr));
     ASSERT_NE(nullptr, c);
     EXPECT_EQ(GetParam().local, c->isLocal());
@@ -235,6 +238,10 @@ class DeviceList : public ::testing::TestWithParam<ListCase> {};
 
 TEST_P(DeviceList, OrderModeAndFlagsDecideWhatIsGathered) {
     const ListCase& c = GetParam();
+    // Network discovery sends its query inside a namespace without a route,
+    // where it fails at once and lists nothing.
+    std::string why;
+    if (!qt::privateNetwork(false, &why)) GTEST_SKIP() << why;
     ASSERT_EQ(0, usbsim_load_text(("bus 001\ndevice 001 002 vid=0x2f4a pid=0x0500\nmanufacturer Tarvesk\n"
                                    "product A\ndevice 001 003 vid=0x2f4a pid=0x0326\nmanufacturer Tarvesk\n"
                                    "product B\n")));
@@ -267,6 +274,8 @@ INSTANTIATE_TEST_SUITE_P(Modes, DeviceList,
                                            ListCase{"0", nullptr, "0", 0}, ListCase{"0", "yes", "0", 0}));
 
 TEST_F(UsbTest, OneTransportTypeAndUnknownTypes) {
+    std::string why;
+    if (!qt::privateNetwork(false, &why)) GTEST_SKIP() << why;
     load("bus 001\ndevice 001 002 vid=0x2f4a pid=0x0500\n");
     SaneConfReader conf;
     qt::TempDir dir;
@@ -277,8 +286,10 @@ TEST_F(UsbTest, OneTransportTypeAndUnknownTypes) {
     EXPECT_EQ(0, Device::getScanners(&list, &count, &conf, 2));
     EXPECT_EQ(1, count);
     takeNames(list, count);
-    EXPECT_EQ(0, Device::getScanners(&list, &count, &conf, 1));  // the network finds nothing
-    EXPECT_EQ(0, count);
+    // The query cannot leave a namespace without a route: an error, no devices.
+    count = 5;
+    EXPECT_EQ(1, Device::getScanners(&list, &count, &conf, 1));
+    EXPECT_EQ(5, count);
     count = 42;
     EXPECT_EQ(1, Device::getScanners(&list, &count, &conf, 7));
     EXPECT_EQ(42, count);
@@ -291,23 +302,6 @@ TEST_F(UsbTest, OneTransportTypeAndUnknownTypes) {
     EXPECT_EQ(-1, Device::getScanners(&list, &count, &conf, 5, "DISCOVER_USB_FLAG"));
     EXPECT_EQ(2, count);
     takeNames(list, count);
-}
-
-TEST(NetCommTest, DiscoveryFindsNothingAndTheAddressIsBounded) {
-    NetComm net;
-    char** list = reinterpret_cast<char**>(1);
-    int count = 3;
-    EXPECT_EQ(0, net.getScanners(&list, &count, nullptr));
-    EXPECT_EQ(nullptr, list);
-    EXPECT_EQ(0, count);
-    EXPECT_EQ(2, net.setDevice(nullptr));
-    std::string longText(100, '9');
-    EXPECT_EQ(0, net.setIPAddress(longText.c_str()));
-    EXPECT_EQ(31u, strlen(net.getIPAddress()));
-    int n = 5;
-    DataBuffer buf;
-    EXPECT_EQ(1, net.ReadImage(&n, &buf, nullptr));
-    EXPECT_NE(0, net.openDevice());
 }
 
 // ---------------------------------------------------------------- open/close

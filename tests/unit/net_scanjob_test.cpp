@@ -1,0 +1,588 @@
+// The network scan job: the command line the scan program gets, values refused
+// before anything runs, and the pages the program leaves (zlib P4/P5/P6 with
+// their resolution, Wicket bands, side files, rotation, interpolation, numbered
+// pages, broken pages) as ReadImage hands them out; then the same job through
+// the entry points of the built library. A shell script stands in for the
+// program: it records its arguments and copies prepared pages to where
+// --filename points. Expected pixels follow the simulator's formula and the
+// documented rotation and resizing mappings, computed here.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ConfigReader.h"
+#include "DataBuffer.h"
+#include "NetComm.h"
+#include "WicketEncoder.h"
+#include "WicketReference.h"
+#include "session_testutil.h"
+#include "testutil.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+const char PROGRAM[] =
+    "#!/bin/sh\n"
+    "printf '%s\\0' \"$@\" > \"$QUARTO_TEST_ARGS\"\n"
+    "for a in \"$@\"; do case \"$a\" in --filename=*) f=\"${a#--filename=}\";; esac; done\n"
+    "if [ -n \"$QUARTO_TEST_PAGES\" ]; then cp \"$QUARTO_TEST_PAGES\"/* \"$(dirname \"$f\")/\" || exit 3; fi\n"
+    "exit \"${QUARTO_TEST_EXIT:-0}\"\n";
+
+// The simulator's page formula at (x + shift, y): colour R = X, G = Y,
+// B = X + Y; grey X + 2Y; line art 1 where X div 8 + Y div 8 is odd.
+Bytes pattern(int depth, int w, int h, int shift = 0) {
+    Bytes out;
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const int X = x + shift;
+            if (depth == 2) out.insert(out.end(), {(unsigned char)X, (unsigned char)y, (unsigned char)(X + y)});
+            if (depth == 1) out.push_back((unsigned char)(X + 2 * y));
+            if (depth == 0 && x % 8 == 0) out.push_back(0);
+            if (depth == 0 && ((X / 8 + y / 8) & 1)) out.back() |= (unsigned char)(0x80 >> (x % 8));
+        }
+    }
+    return out;
+}
+
+std::string zlibPage(int depth, int dpi, int w, int h, const Bytes& pixels, const char* magic = nullptr) {
+    static const char* const MAGIC[] = {"P4", "P5", "P6"};
+    std::string s = std::string(magic ? magic : MAGIC[depth]) + "\n#QVTRES=" + std::to_string(dpi) + "\n" +
+                    std::to_string(w) + " " + std::to_string(h) + "\n" + (depth ? "255\n" : "");
+    uLongf n = compressBound((uLong)pixels.size());
+    Bytes z(n);
+    compress(z.data(), &n, pixels.data(), (uLong)pixels.size());
+    return s + std::string(z.begin(), z.begin() + (long)n);
+}
+
+// The page turned as the rotation maps it: 180 one pixel off (the first output
+// pixel black), 90 and 270 both source (c, r) to (r, w - 1 - c).
+Bytes turned(const Bytes& in, int w, int h, int bpp, int angle, int* ow, int* oh) {
+    Bytes out(in.size(), 0);
+    const long n = (long)w * h;
+    *ow = w;
+    *oh = h;
+    if (angle == 180) {
+        for (long j = 1; j < n; ++j) memcpy(&out[j * bpp], &in[(n - j) * bpp], bpp);
+    } else if (angle == 90 || angle == 270) {
+        *ow = h;
+        *oh = w;
+        for (int y = 0; y < w; ++y)
+            for (int x = 0; x < h; ++x) memcpy(&out[((long)y * h + x) * bpp], &in[((long)x * w + (w - 1 - y)) * bpp], bpp);
+    } else {
+        out = in;
+    }
+    return out;
+}
+
+// Nearest neighbour as the resizing sizes it: the width by the exact ratio, the
+// height by the whole factor.
+Bytes scaled(const Bytes& in, int w, int h, int bpp, int from, int to, int* ow, int* oh) {
+    *ow = (int)(to * ((double)w / from));
+    *oh = (to / from) * h;
+    Bytes out;
+    for (int y = 0; y < *oh; ++y)
+        for (int x = 0; x < *ow; ++x) {
+            long sx = (long)(x / ((double)*ow / w)), sy = (long)(y / ((double)*oh / h));
+            out.insert(out.end(), in.begin() + (sy * w + sx) * bpp, in.begin() + (sy * w + sx + 1) * bpp);
+        }
+    return out;
+}
+
+// Every piece ReadImage hands out, joined; the piece sizes go to pieces.
+Bytes readAll(NetComm& net, std::vector<int>* pieces = nullptr) {
+    DataBuffer buffer;
+    for (int i = 0; i < 1000000; ++i) {
+        int len = -1;
+        int rc = net.ReadImage(&len, &buffer, nullptr);
+        if (rc == 1) break;
+        EXPECT_EQ(0, rc);
+        if (pieces) pieces->push_back(len);
+    }
+    Bytes all((size_t)buffer.GetAllDataSize());
+    if (!all.empty()) buffer.GetAllData(all.data(), (int)all.size());
+    return all;
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+class NetJob : public ::testing::Test {
+protected:
+    NetJob()
+        : pages(dir.file("pages")),
+          job(dir.file("job")),
+          argsEnv("QUARTO_TEST_ARGS", dir.file("args").c_str()),
+          pagesEnv("QUARTO_TEST_PAGES", pages.c_str()),
+          exitEnv("QUARTO_TEST_EXIT", nullptr) {
+        mkdir(pages.c_str(), 0700);
+        qt::writeFile(dir.file("quillrun"), PROGRAM);
+        chmod(dir.file("quillrun").c_str(), 0700);
+        const std::pair<const char*, int> ints[] = {
+            {"COLORDEPTH", 2}, {"CURRENTDPI", 300}, {"BOXKIND", 0},       {"ORIGINALSIZE", 4},
+            {"DOCUMENTSOURCE", 9}, {"CONTENTTYPE", 1}, {"BRIGHTNESS", 5}, {"CONTRAST", 3},
+            {"COLORDROPOUTTHRESHOLD", 128}, {"SCAN_NOW", 1}};
+        for (const auto& kv : ints) store.SetIntOption(kv.first, kv.second);
+        store.SetStringOption("TEMPDIRECTORY", job.c_str());
+        store.SetStringOption("BINARY", dir.file("quillrun").c_str());
+        store.SetStringOption("USERNAME", "alice");
+        store.SetStringOption("PROFILENAME", "Default");
+        net.setConfigReader(&store);
+        net.setIPAddress("192.0.2.10");
+    }
+    void put(const std::string& name, const std::string& content) { qt::writeFile(pages + "/" + name, content); }
+    std::vector<std::string> args() {
+        std::string text = qt::readFile(dir.file("args"));
+        std::vector<std::string> out;
+        for (size_t at = 0, nul; (nul = text.find('\0', at)) != std::string::npos; at = nul + 1)
+            out.push_back(text.substr(at, nul - at));
+        return out;
+    }
+    bool ran() { return exists(dir.file("args")); }
+
+    qt::TempDir dir;
+    std::string pages, job;
+    qt::ScopedEnv argsEnv, pagesEnv, exitEnv;
+    ConfigReader store;
+    NetComm net;
+};
+
+// ------------------------------------------------------------- command line
+
+struct CommandCase {
+    const char* name;
+    std::vector<std::pair<const char*, int>> ints;
+    const char* user;
+    const char* expected;  // after the program and page file
+    bool morePages;
+};
+class NetCommand : public NetJob, public ::testing::WithParamInterface<CommandCase> {};
+
+TEST_P(NetCommand, IsTheDocumentedOne) {
+    const CommandCase& c = GetParam();
+    store.SetStringOption("TEMPDIRECTORY", "/var/tmp/qjob");
+    store.SetStringOption("BINARY", "/usr/bin/quillrun");
+    store.SetStringOption("USERNAME", c.user);
+    for (const auto& kv : c.ints) store.SetIntOption(kv.first, kv.second);
+    std::string command, page;
+    bool more = !c.morePages;
+    ASSERT_EQ(0, net.buildScanCommand(command, page, more));
+    EXPECT_EQ(std::string("'/usr/bin/quillrun' --filename='/var/tmp/qjob/Defaultscan.pxm' --ip-address=192.0.2.10 "
+                          "--interface=any ") + c.expected,
+              command);
+    EXPECT_EQ("/var/tmp/qjob/Defaultscan.pxm", page);
+    EXPECT_EQ(c.morePages, more);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Jobs, NetCommand,
+    ::testing::Values(
+        CommandCase{"Colour", {}, "alice",
+                    "--user-name='alice' --profile-name='Default' --content-type=1 --resolution=300 --mode=2 "
+                    "--original-size=4 --orientation=0 --bkgremoval=0 --mirrorimage=0 --negativeimage=0 "
+                    "--scan-both-sides=0 --brightness=5 --colordropout=0 --colordropoutthreshold=128 --compression=2 "
+                    "--type=3 --text-mode=0 --contrast=3 --documentsource=10 --sharpness=0 --start-now=1",
+                    false},
+        // Grey sends no contrast; the other family's lists and +3 adjustments; high resolution.
+        CommandCase{"GreyOtherFamily",
+                    {{"COLORDEPTH", 1}, {"CURRENTDPI", 1200}, {"BOXKIND", 1}, {"ORIGINALSIZE", 23},
+                     {"DOCUMENTSOURCE", 5}, {"BRIGHTNESS", -2}, {"CONTRAST", 2}, {"SCANBOTHSIDES", 1},
+                     {"ORIENTATION", 1}, {"MIRRORIMAGE", 1}, {"NEGATIVEIMAGE", 1}, {"COLORDROPOUT", 2},
+                     {"COLORDROPOUTTHRESHOLD", 77}, {"BKGREMOVAL", 3}, {"CONTENTTYPE", 2}, {"SHARPNESS", 4},
+                     {"SCAN_NOW", 0}},
+                    "bob",
+                    "--user-name='bob' --profile-name='Default' --content-type=2 --resolution=1200 --mode=1 "
+                    "--original-size=14 --orientation=1 --bkgremoval=3 --mirrorimage=1 --negativeimage=1 "
+                    "--scan-both-sides=1 --brightness=1 --colordropout=2 --colordropoutthreshold=77 --compression=6 "
+                    "--type=4 --text-mode=0 --documentsource=6 --sharpness=4 --start-now=0",
+                    true},
+        // Line art at 1200 keeps the low compression; "Book Original" maps to 15.
+        CommandCase{"LineArtBook",
+                    {{"COLORDEPTH", 0}, {"CURRENTDPI", 1200}, {"ORIGINALSIZE", 27}, {"DOCUMENTSOURCE", 0}}, "",
+                    "--user-name='' --profile-name='Default' --content-type=1 --resolution=1200 --mode=0 "
+                    "--original-size=15 --orientation=0 --bkgremoval=0 --mirrorimage=0 --negativeimage=0 "
+                    "--scan-both-sides=0 --brightness=5 --colordropout=0 --colordropoutthreshold=128 --compression=2 "
+                    "--type=3 --text-mode=0 --documentsource=0 --sharpness=0 --start-now=1",
+                    true},
+        // Colour at 1200 from the feeder; a user name with shell syntax stays one quoted word.
+        CommandCase{"FeederQuotedUser", {{"CURRENTDPI", 1200}, {"SCAN_SOURCE", 1}}, "it's $(id);`id`\nx",
+                    "--user-name='it'\\''s $(id);`id`\nx' --profile-name='Default' --content-type=1 --resolution=1200 "
+                    "--mode=2 --original-size=4 --orientation=0 --bkgremoval=0 --mirrorimage=0 --negativeimage=0 "
+                    "--scan-both-sides=0 --brightness=5 --colordropout=0 --colordropoutthreshold=128 --compression=6 "
+                    "--type=4 --text-mode=0 --contrast=3 --documentsource=10 --sharpness=0 --start-now=1",
+                    true}),
+    [](const ::testing::TestParamInfo<CommandCase>& i) { return std::string(i.param.name); });
+
+struct RefusedCase {
+    const char* key;  // "IP" for the transport's address
+    std::string text;
+    int number;
+};
+class NetRefused : public NetJob, public ::testing::WithParamInterface<RefusedCase> {};
+
+TEST_P(NetRefused, RunsNothingAndTouchesNoFile) {
+    const RefusedCase& c = GetParam();
+    const std::string marker = dir.file("marker");
+    if (strcmp(c.key, "IP") == 0)
+        net.setIPAddress(c.text.c_str());
+    else if (c.number != 0)
+        store.SetIntOption(c.key, c.number);
+    else
+        store.SetStringOption(c.key, c.text.c_str());
+    put("Defaultscan.pxm", zlibPage(2, 300, 8, 8, pattern(2, 8, 8)));
+    EXPECT_EQ(2, net.openDevice());
+    EXPECT_FALSE(ran());
+    EXPECT_FALSE(exists(job));
+    EXPECT_FALSE(exists(marker));
+    EXPECT_EQ(0, net.getCounter());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, NetRefused,
+    ::testing::Values(RefusedCase{"IP", "192.0.2", 0}, RefusedCase{"IP", "192.0.2.1;touch marker", 0},
+                      RefusedCase{"IP", "$(touch marker)", 0}, RefusedCase{"IP", "::1", 0}, RefusedCase{"IP", "", 0},
+                      RefusedCase{"IP", "scanner.example", 0}, RefusedCase{"IP", "192.0.2.256", 0},
+                      RefusedCase{"TEMPDIRECTORY", "relative/job", 0}, RefusedCase{"TEMPDIRECTORY", "/", 0},
+                      RefusedCase{"TEMPDIRECTORY", "//", 0}, RefusedCase{"TEMPDIRECTORY", "/tmp/../etc", 0},
+                      RefusedCase{"TEMPDIRECTORY", "/tmp/./x", 0}, RefusedCase{"TEMPDIRECTORY", "/tmp/x/", 0},
+                      RefusedCase{"PROFILENAME", "../Default", 0}, RefusedCase{"PROFILENAME", "a/b", 0},
+                      RefusedCase{"BINARY", "", 0}, RefusedCase{"USERNAME", std::string(600, 'u'), 0},
+                      RefusedCase{"ORIGINALSIZE", "", 38}, RefusedCase{"ORIGINALSIZE", "", -1},
+                      RefusedCase{"DOCUMENTSOURCE", "", 10}));
+
+// Shell syntax in the user and profile names reaches the program as text.
+TEST_F(NetJob, HostileNamesAreArgumentsNotCommands) {
+    const std::string marker = dir.file("marker");
+    const std::string user = "x'; touch " + marker + "; '$(touch " + marker + ")`id`";
+    const std::string profile = "p'\"$(date)\";`date`";
+    store.SetStringOption("USERNAME", user.c_str());
+    store.SetStringOption("PROFILENAME", profile.c_str());
+    put(profile + "scan.pxm", zlibPage(2, 300, 8, 8, pattern(2, 8, 8)));
+    ASSERT_EQ(19, net.openDevice());
+    std::vector<std::string> a = args();
+    ASSERT_EQ(24u, a.size());
+    EXPECT_EQ("--filename=" + job + "/" + profile + "scan.pxm", a[0]);
+    EXPECT_EQ("--user-name=" + user, a[3]);
+    EXPECT_EQ("--profile-name=" + profile, a[4]);
+    EXPECT_FALSE(exists(marker));
+}
+
+// ------------------------------------------------------------------- pages
+
+struct PageCase {
+    const char* name;
+    int depth, fileDpi, dpi, rotate, w, h;
+};
+class NetPage : public NetJob, public ::testing::WithParamInterface<PageCase> {};
+
+TEST_P(NetPage, IsDecodedTurnedAndScaledAsTheOptionsSay) {
+    const PageCase& c = GetParam();
+    store.SetIntOption("COLORDEPTH", c.depth);
+    store.SetIntOption("CURRENTDPI", c.dpi);
+    const Bytes source = pattern(c.depth, c.w, c.h);
+    put("Defaultscan.pxm", zlibPage(c.depth, c.fileDpi, c.w, c.h, source));
+    put("Defaultscan.conf", "COMMENT=x\nROTATE=" + std::to_string(c.rotate) + "\nFAMILYID=3\n");
+    ASSERT_EQ(19, net.openDevice());
+    EXPECT_EQ(0, net.getCounter());
+    EXPECT_FALSE(exists(job + "/Defaultscan.pxm")) << "the page file is removed once decoded";
+    EXPECT_FALSE(exists(job + "/unrotated.pxm"));
+
+    Bytes want = source;
+    int w = c.w, h = c.h;
+    const int bpp = c.depth == 2 ? 3 : 1;
+    if (c.depth != 0) want = turned(source, c.w, c.h, bpp, c.rotate, &w, &h);
+    const bool interpolate = c.depth != 0 && c.fileDpi < c.dpi;
+    const int turnedW = w, turnedH = h;
+    if (interpolate) want = scaled(Bytes(want), turnedW, turnedH, bpp, c.fileDpi, c.dpi, &w, &h);
+    std::vector<int> pieces;
+    Bytes got = readAll(net, &pieces);
+    ASSERT_EQ(want.size(), got.size());
+    EXPECT_TRUE(want == got);
+    for (size_t i = 0; i + 1 < pieces.size(); ++i) EXPECT_EQ(16384, pieces[i]);
+    EXPECT_EQ(turnedW, store.GetIntOption("WIDTH_SCAN"));
+    EXPECT_EQ(turnedH, store.GetIntOption("HEIGHT_SCAN"));
+    EXPECT_EQ(interpolate ? w : 0, store.GetIntOption("INTER_WIDTH"));
+    EXPECT_EQ(interpolate ? h : 0, store.GetIntOption("INTER_HEIGHT"));
+    EXPECT_EQ(interpolate ? c.dpi : c.fileDpi, store.GetIntOption("CURRENTDPI"));
+    EXPECT_EQ(c.fileDpi, store.GetIntOption("FILE_DPI"));
+    EXPECT_EQ(0, net.closeDevice());
+    EXPECT_FALSE(exists(job)) << "closing after the last page removes the directory";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pages, NetPage,
+    ::testing::Values(PageCase{"Colour", 2, 300, 300, 0, 150, 120}, PageCase{"Grey", 1, 300, 300, 0, 90, 200},
+                      PageCase{"LineArt", 0, 300, 300, 180, 64, 40}, PageCase{"Colour180", 2, 300, 300, 180, 37, 23},
+                      PageCase{"Grey90", 1, 300, 300, 90, 31, 17}, PageCase{"Colour270", 2, 300, 300, 270, 40, 9},
+                      PageCase{"Colour45", 2, 300, 300, 45, 16, 8}, PageCase{"Colour400", 2, 300, 300, 400, 16, 8},
+                      PageCase{"Interpolated", 2, 150, 300, 0, 33, 21}, PageCase{"GreyWidthOnly", 1, 200, 300, 0, 30, 7},
+                      PageCase{"Turned90ThenScaled", 2, 100, 300, 90, 13, 5},
+                      PageCase{"LineArtNotScaled", 0, 150, 300, 0, 48, 12},
+                      PageCase{"LargerThanRequested", 2, 600, 300, 0, 20, 10}),
+    [](const ::testing::TestParamInfo<PageCase>& i) { return std::string(i.param.name); });
+
+// Family 14 (and 15) at 1200 dpi and above sends Wicket bands; they decode as
+// the reference decoder decodes each band.
+TEST_F(NetJob, WicketBandsOfFamilies14And15) {
+    for (int depth : {2, 1}) {
+        for (int family : {14, 15}) {
+            const int w = 100, h = 70, ch = depth == 2 ? 3 : 1;
+            store.SetIntOption("COLORDEPTH", depth);
+            store.SetIntOption("CURRENTDPI", 1200);
+            Bytes source = pattern(depth, w, h, family);
+            WicketEncodeOptions opt;
+            opt.iBandLines = 24;
+            Bytes bands = wicketEncodeImage(source.data(), w, h, ch, opt);
+            put("Defaultscan.pxm", std::string(bands.begin(), bands.end()));
+            put("Defaultscan.conf", "FAMILYID=" + std::to_string(family) + "\n");
+            ASSERT_EQ(19, net.openDevice()) << depth << " " << family;
+            Bytes want;
+            for (size_t pos = 0; pos < bands.size();) {
+                const unsigned char* b = &bands[pos];
+                unsigned size = b[0] << 24 | b[1] << 16 | b[2] << 8 | b[3], lines = b[7];
+                Bytes band(size_t(104) * 24 * ch);
+                wicketref::Decoder ref(true);
+                ref.setQuality(75, 75);
+                int produced;
+                long bits;
+                ASSERT_EQ(0, ref.decode(b + 16, (int)size - 16, band.data(), 104, 24, ch, &produced, &bits));
+                for (unsigned y = 0; y < lines; ++y)
+                    want.insert(want.end(), band.begin() + y * 104 * ch, band.begin() + (y * 104 + w) * ch);
+                pos += size;
+            }
+            EXPECT_TRUE(want == readAll(net));
+            EXPECT_EQ(w, store.GetIntOption("WIDTH_SCAN"));
+            EXPECT_EQ(h, store.GetIntOption("HEIGHT_SCAN"));
+            EXPECT_EQ(0, store.GetIntOption("INTER_WIDTH"));
+            EXPECT_EQ(1200, store.GetIntOption("CURRENTDPI"));
+        }
+    }
+}
+
+struct BrokenCase {
+    const char* name;
+    std::string page;
+    std::string side;
+};
+class NetBroken : public NetJob, public ::testing::WithParamInterface<BrokenCase> {};
+
+std::string wicketPage(std::vector<std::pair<int, int>> geometry, int cut = 0) {
+    std::string out;
+    for (auto& g : geometry) {
+        Bytes px = pattern(2, g.first, g.second);
+        Bytes band = wicketEncodeBand(px.data(), g.first, g.second, 3L * g.first, 3, 75, true);
+        out += std::string(band.begin(), band.end());
+    }
+    return out.substr(0, out.size() - cut);
+}
+
+TEST_P(NetBroken, FailsTheJobAndLeavesNothingBehind) {
+    const BrokenCase& c = GetParam();
+    store.SetIntOption("SCANBOTHSIDES", 1);
+    if (!c.side.empty()) store.SetIntOption("CURRENTDPI", 1200);
+    put("Defaultscan.pxm", c.page);
+    if (!c.side.empty()) put("Defaultscan.conf", c.side);
+    EXPECT_EQ(15, net.openDevice());
+    EXPECT_EQ(0, net.getCounter());
+    EXPECT_FALSE(exists(job));
+    EXPECT_EQ(1, [&] {
+        DataBuffer b;
+        int n;
+        return net.ReadImage(&n, &b, nullptr);
+    }());
+}
+
+const Bytes SMALL = pattern(2, 16, 16);
+const std::string GOOD = zlibPage(2, 300, 16, 16, SMALL);
+std::string replaced(std::string s, size_t at, const std::string& with) { return s.replace(at, with.size(), with); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Pages, NetBroken,
+    ::testing::Values(
+        BrokenCase{"Empty", "", ""}, BrokenCase{"Truncated", GOOD.substr(0, GOOD.size() - 6), ""},
+        BrokenCase{"CorruptStream", replaced(GOOD, 30, "\xff\xff\xff\xff"), ""},
+        BrokenCase{"ShortStream", zlibPage(2, 300, 16, 15, pattern(2, 16, 15)).replace(15, 5, "16 16"), ""},
+        BrokenCase{"GreyMagic", zlibPage(2, 300, 16, 16, SMALL, "P5"), ""},
+        BrokenCase{"NoResolution", "P6\n16 16\n255\n" + GOOD.substr(25), ""},
+        BrokenCase{"ResolutionZero", replaced(GOOD, 3, "#QVTRES=000"), ""},
+        BrokenCase{"HugeSize", "P6\n#QVTRES=300\n1000000 1000000\n255\n" + GOOD.substr(25), ""},
+        BrokenCase{"OverflowingSize", "P6\n#QVTRES=300\n99999999999999999999 2\n255\n" + GOOD.substr(25), ""},
+        BrokenCase{"NoMaximumLine", "P6\n#QVTRES=300\n16 16\n", ""},
+        BrokenCase{"LongLine", "P6\n#QVTRES=300" + std::string(100, '0') + "\n16 16\n255\n", ""},
+        BrokenCase{"BandCut", wicketPage({{16, 8}, {16, 8}}, 5), "FAMILYID=14\n"},
+        BrokenCase{"BandWidths", wicketPage({{16, 8}, {24, 8}}), "FAMILYID=14\n"},
+        BrokenCase{"BandGarbage", wicketPage({{16, 8}}) + std::string(20, '\x7f'), "FAMILYID=14\n"},
+        BrokenCase{"BandCorrupt", replaced(wicketPage({{16, 8}}), 16, std::string(6, '\xff')), "FAMILYID=14\n"},
+        BrokenCase{"BandHuge", replaced(wicketPage({{16, 8}}), 4, std::string("\x00\x00\xff\xff\x00\x00\xff\xff", 8)),
+                   "FAMILYID=14\n"}),
+    [](const ::testing::TestParamInfo<BrokenCase>& i) { return std::string(i.param.name); });
+
+// A feeder job: the program runs once and leaves numbered pages; a page
+// without a side file keeps the first page's rotation; the missing next page
+// ends the job.
+TEST_F(NetJob, FeederPagesAreNumberedAndTheMissingOneEndsTheJob) {
+    store.SetIntOption("SCAN_SOURCE", 1);
+    const char* names[] = {"Defaultscan.pxm", "Defaultscan.pxm.1", "Defaultscan.pxm.2"};
+    for (int p = 0; p < 3; ++p) put(names[p], zlibPage(2, 300, 12, 6, pattern(2, 12, 6, 64 * p)));
+    put("Defaultscan.conf", "ROTATE=180\n");
+    put("Defaultscan.conf.2", "ROTATE=0\n");
+    for (int p = 0; p < 3; ++p) {
+        ASSERT_EQ(19, net.openDevice()) << p;
+        if (p == 0) {
+            ASSERT_EQ(0, unlink(dir.file("args").c_str()));
+        }
+        EXPECT_EQ(p + 1, net.getCounter());
+        int w, h;
+        EXPECT_TRUE(turned(pattern(2, 12, 6, 64 * p), 12, 6, 3, p < 2 ? 180 : 0, &w, &h) == readAll(net)) << p;
+        EXPECT_EQ(0, net.closeDevice());
+        EXPECT_TRUE(exists(job)) << "the job's other pages stay until it ends";
+    }
+    EXPECT_EQ(20, net.openDevice());
+    EXPECT_FALSE(ran()) << "the program ran once for the whole job";
+    EXPECT_EQ(0, net.getCounter());
+    EXPECT_FALSE(exists(job));
+}
+
+// A failing program ends the job at once; the next scan starts afresh. An
+// unfinished job's pages go with the transport.
+TEST_F(NetJob, FailingProgramResetsTheJobAndTheNextScanWorks) {
+    store.SetIntOption("SCANBOTHSIDES", 1);
+    put("Defaultscan.pxm", zlibPage(2, 300, 8, 8, pattern(2, 8, 8)));
+    {
+        qt::ScopedEnv fail("QUARTO_TEST_EXIT", "5");
+        EXPECT_EQ(8, net.openDevice());
+    }
+    EXPECT_EQ(0, net.getCounter());
+    EXPECT_FALSE(exists(job));
+    ASSERT_EQ(19, net.openDevice());
+    EXPECT_EQ(1, net.getCounter());
+    {
+        NetComm other;
+        other.setConfigReader(&store);
+        other.setIPAddress("192.0.2.10");
+        ASSERT_EQ(19, other.openDevice());
+        EXPECT_TRUE(exists(job));
+    }
+    EXPECT_FALSE(exists(job));
+    // No page at all: the job fails like a broken page.
+    qt::ScopedEnv none("QUARTO_TEST_PAGES", "");
+    store.SetIntOption("SCANBOTHSIDES", 0);
+    NetComm third;
+    third.setConfigReader(&store);
+    third.setIPAddress("192.0.2.10");
+    EXPECT_EQ(15, third.openDevice());
+    EXPECT_FALSE(exists(job));
+}
+
+// The temporary directory is made for the user alone; one that is a link, is
+// writable by others or lies in a directory others may rename things in is
+// refused before the program runs, and never removed.
+TEST_F(NetJob, TemporaryDirectoryMustBePrivate) {
+    put("Defaultscan.pxm", zlibPage(2, 300, 8, 8, pattern(2, 8, 8)));
+    put("Defaultscan.conf", "ROTATE=90\n");
+    ASSERT_EQ(0, mkdir(dir.file("victim").c_str(), 0700));
+    qt::writeFile(dir.file("victim/keep"), "keep");
+    // A stale link where the turned page's file goes is replaced, not followed.
+    ASSERT_EQ(0, mkdir(job.c_str(), 0700));
+    ASSERT_EQ(0, symlink(dir.file("victim/keep").c_str(), (job + "/unrotated.pxm").c_str()));
+    ASSERT_EQ(19, net.openDevice());
+    EXPECT_EQ("keep", qt::readFile(dir.file("victim/keep")));
+    EXPECT_EQ(0, net.closeDevice());
+    EXPECT_FALSE(exists(job));
+    ASSERT_EQ(0, unlink(dir.file("args").c_str()));
+
+    ASSERT_EQ(0, symlink(dir.file("victim").c_str(), job.c_str()));
+    EXPECT_EQ(2, net.openDevice());
+    EXPECT_EQ(1, net.closeDevice());
+    EXPECT_TRUE(exists(dir.file("victim/keep")));
+    ASSERT_EQ(0, unlink(job.c_str()));
+    ASSERT_EQ(0, mkdir(job.c_str(), 0700));
+    ASSERT_EQ(0, chmod(job.c_str(), 0777));
+    EXPECT_EQ(2, net.openDevice());
+    ASSERT_EQ(0, rmdir(job.c_str()));
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
+    EXPECT_EQ(2, net.openDevice()) << "made inside a directory others may write";
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
+    EXPECT_FALSE(ran());
+    ASSERT_EQ(0, rmdir(job.c_str()));
+    ASSERT_EQ(19, net.openDevice());
+    struct stat st;
+    ASSERT_EQ(0, lstat(job.c_str(), &st));
+    EXPECT_EQ(0700u, st.st_mode & 07777);
+}
+
+// ------------------------------------------------------------ session level
+
+// The job through the entry points of the built library: a page at hand skips
+// the device exchanges of a USB scan, and each way a network job can fail has
+// its status; the end of a feeder job is "no more documents".
+TEST_F(NetJob, SessionScansAndReportsEachFailure) {
+    qt::writeFile(dir.file("quarto.conf"), "net 0xffff 0xffff " + dir.file("net.conf") +
+                                               " Network_Scanner\nDISCOVER_USB_FLAG=0\nDISCOVER_NET_FLAG=0\n");
+    qt::writeFile(dir.file("net.conf"), qt::readFile(qt::sourceDir() + "/etc/models/quartonet.conf") +
+                                            "\n[STRINGS]\nTEMPDIRECTORY=" + job + "\nBINARY=" + dir.file("quillrun") +
+                                            "\n");
+    qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
+    const st::Sane& sane = st::sane();
+    ASSERT_TRUE(sane.ok);
+    SANE_Handle h = nullptr;
+    ASSERT_EQ(SANE_STATUS_GOOD, sane.open("libnet/SPECIFY_DEVICE", &h));
+    auto setText = [&](int option, const char* text) {
+        char value[64];
+        snprintf(value, sizeof(value), "%s", text);
+        return sane.control_option(h, option, SANE_ACTION_SET_VALUE, value, nullptr);
+    };
+    auto scan = [&](st::Page& page) {
+        SANE_Status s = sane.start(h);
+        if (s == SANE_STATUS_GOOD) {
+            sane.get_parameters(h, &page.params);
+            st::readPage(h, 5000, page);
+        }
+        return s;
+    };
+    const int OPT_IP = 2, OPT_MODE = 10;
+    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.10"));
+    put("Defaultscan.pxm", zlibPage(2, 300, 40, 30, pattern(2, 40, 30)));
+    st::Page page;
+    ASSERT_EQ(SANE_STATUS_GOOD, scan(page));
+    EXPECT_EQ(SANE_FRAME_RGB, page.params.format);
+    EXPECT_EQ(40, page.params.pixels_per_line);
+    EXPECT_EQ(30, page.params.lines);
+    EXPECT_EQ(120, page.params.bytes_per_line);
+    EXPECT_EQ(SANE_STATUS_EOF, page.end);
+    EXPECT_TRUE(pattern(2, 40, 30) == page.data);
+
+    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.1;id"));
+    EXPECT_EQ(SANE_STATUS_INVAL, sane.start(h));
+    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.10"));
+    {
+        qt::ScopedEnv fail("QUARTO_TEST_EXIT", "1");
+        EXPECT_EQ(SANE_STATUS_CANCELLED, sane.start(h));
+    }
+    put("Defaultscan.pxm", "P6\n#QVTRES=300\n40 30\n255\nnot zlib");
+    EXPECT_EQ(SANE_STATUS_IO_ERROR, sane.start(h));
+
+    ASSERT_EQ(SANE_STATUS_GOOD, setText(st::OPT_SOURCE, "Multiple Pages"));
+    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_MODE, "8-bit Grayscale"));
+    for (int p = 0; p < 2; ++p)
+        put(p ? "Defaultscan.pxm.1" : "Defaultscan.pxm", zlibPage(1, 300, 24, 10, pattern(1, 24, 10, 64 * p)));
+    for (int p = 0; p < 2; ++p) {
+        st::Page feeder;
+        ASSERT_EQ(SANE_STATUS_GOOD, scan(feeder)) << p;
+        EXPECT_EQ(24, feeder.params.bytes_per_line);
+        EXPECT_TRUE(pattern(1, 24, 10, 64 * p) == feeder.data) << p;
+    }
+    EXPECT_EQ(SANE_STATUS_NO_DOCS, sane.start(h));
+    EXPECT_FALSE(exists(job));
+    sane.close(h);
+}
