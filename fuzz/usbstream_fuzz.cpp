@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         while (comm.fetchMessage(&msg, &len) == 0) free(msg);
         return 0;
     }
-    // Compressed mode collects and decodes the bands first; otherwise this
+    // Compressed mode collects the bands first (ReadImage decodes them); otherwise this
     // returns at once and ReadImage reads the framed stream.
     if (comm.readAndDecompressData() != 0) return 0;
     while (comm.ReadImage(&n, &out, &image) == 0) {

@@ -124,9 +124,69 @@ bool interfaceQualifies(const struct usb_device* dev, int i) {
 
 unsigned roundUp8(unsigned v) { return (v + 7u) & ~7u; }
 
+// Widens the first lines of a band narrower than the image, decoded into buf
+// with lines of bandStride bytes, to lines of the image's rowBytes, each
+// followed by zeros. The last line moves first, so none is overwritten before
+// it moved.
+void widenLines(unsigned char* buf, long lines, long bandStride, long rowBytes) {
+    for (long l = lines - 1; l >= 0; --l) {
+        memmove(buf + l * rowBytes, buf + l * bandStride, (size_t)bandStride);
+        memset(buf + l * rowBytes + bandStride, 0, (size_t)(rowBytes - bandStride));
+    }
+}
+
 }  // namespace
 
 void IOComm::FreeDeleter::operator()(unsigned char* p) const { free(p); }
+
+// One band header of a compressed job.
+struct IOComm::BandHeader {
+    int iSize = 0;  // the size field, header included
+    unsigned int iLines = 0;
+    unsigned int iWidth = 0;
+    int iQuality = 0;
+    // What the band takes of the stream: its size, cut to the bytes collected.
+    unsigned int iBytes = 0;
+};
+
+// The collected bands of a compressed job, their decoder and how far reading is.
+struct IOComm::BandStream {
+    std::unique_ptr<unsigned char, FreeDeleter> pOwned;  // the collected job, once handed over
+    const unsigned char* pData = nullptr;
+    unsigned int iLength = 0;
+    unsigned int iPos = 0;  // the next band to decode
+    unsigned int iEnd = 0;  // the end of the bands the start accepted
+    Wicket wicket{1};
+    bool bColour = false;
+    long iBpp = 1;
+    long iRowBytes = 0;   // one line of the image
+    long iLinesLeft = 0;  // lines of the image no band has reached yet
+    // Handing out: the bytes of the current line already handed out, and the
+    // bytes between the end of a line in the band buffer and the next line
+    // (the padding of a band at least as wide as the image).
+    long iLinePos = 0;
+    long iLineGap = 0;
+
+    // The band header at pos; false when fewer bytes than a header are left.
+    bool headerAt(unsigned int pos, BandHeader* band) const {
+        if (pos >= iLength || iLength - pos < (unsigned int)BAND_HEADER_LEN) return false;
+        const unsigned char* head = pData + pos;
+        band->iSize = (int)readBE32(head, BAND_HEADER_LEN, 0);
+        band->iLines = readBE32(head, BAND_HEADER_LEN, BAND_LINES_OFFSET);
+        band->iWidth = readBE32(head, BAND_HEADER_LEN, BAND_WIDTH_OFFSET);
+        band->iQuality = (int)readBE32(head, BAND_HEADER_LEN, BAND_QUALITY_OFFSET);
+        const unsigned int available = iLength - pos;
+        band->iBytes = band->iSize > 0 && (unsigned int)band->iSize < available ? (unsigned int)band->iSize : available;
+        return true;
+    }
+    // Bytes a decoded band takes, its width and lines padded to whole blocks;
+    // -1 for a band larger than any device sends.
+    long decodedBytes(const BandHeader& band) const {
+        const long bytes = (long)roundUp8(band.iWidth) * (long)roundUp8(band.iLines) * iBpp;
+        return band.iWidth > MAX_BAND_DIMENSION || band.iLines > MAX_BAND_DIMENSION || bytes > MAX_BAND_BYTES ? -1
+                                                                                                              : bytes;
+    }
+};
 
 IOComm::IOComm() : pDataBuffer(new DataBuffer()), aChunk(USB_CHUNK_SIZE) {
     LOG_METHOD_START();
@@ -503,6 +563,9 @@ int IOComm::openDevice() {
 
 int IOComm::closeDevice() {
     LOG_METHOD_START();
+    // A closed device ends the scan (the session closes it after a cancel):
+    // an unread compressed job is dropped.
+    endCompressedScan();
     if (!iOpen) {
         LOG_METHOD_END_INT(COMM_STATUS_GOOD);
         return COMM_STATUS_GOOD;
@@ -803,6 +866,8 @@ int IOComm::clearData() {
 int IOComm::clear() {
     LOG_METHOD_START();
     dropPending();
+    // The job is drained: what was collected of it is no longer read.
+    endCompressedScan();
     int rc = clearData();
     LOG_METHOD_END_INT(rc);
     return rc;
@@ -957,7 +1022,12 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
         return COMM_STATUS_INVALID_ARG;
     }
     int rc;
-    if (pCommand->getCompression() == COMPRESSION_ON)
+    // A compressed job collected at the start is read out without asking the
+    // command object again for every piece: the start decided on the mode
+    // with the same question, and its option look-ups and log lines cost more
+    // than handing the piece out. While pages of a feeder job are cached, the
+    // command object decides as before.
+    if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
         rc = readDecompressedImage(length, buffer);
     else if (bMultiPage)
         rc = readCachedPage(length, buffer);
@@ -965,22 +1035,6 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
         rc = readOrdinaryImage(length, buffer, image);
     LOG_METHOD_END_INT(rc);
     return rc;
-}
-
-int IOComm::readDecompressedImage(int* length, DataBuffer* buffer) {
-    LOG_DEBUG("Total decompressed data size = %d", (int)iDecompSize);
-    if (iDecompSize > 0 && pDecompDataPtr != nullptr) {
-        int n = iDecompSize < USB_DECOMP_PIECE ? (int)iDecompSize : USB_DECOMP_PIECE;
-        buffer->SetRawData(pDecompDataPtr, n);
-        pDecompDataPtr += n;
-        iDecompSize -= n;
-        *length = n;
-        return COMM_STATUS_GOOD;
-    }
-    pDecompData.reset();
-    pDecompDataPtr = nullptr;
-    iDecompSize = 0;
-    return COMM_STATUS_END_OF_DATA;
 }
 
 int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
@@ -1056,6 +1110,8 @@ int IOComm::readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image)
 
 int IOComm::readAndDecompressData() {
     LOG_METHOD_START();
+    // Whatever an earlier compressed job left unread goes before a new one starts.
+    endCompressedScan();
     if (pCommand == nullptr || pCommand->getCompression() != COMPRESSION_ON) {
         LOG_METHOD_END_INT(COMM_STATUS_GOOD);
         return COMM_STATUS_GOOD;
@@ -1084,7 +1140,12 @@ int IOComm::readAndDecompressData() {
             if (type == (int)RECORD_SCAN_COMPLETE) {
                 LOG_DEBUG("We're done scanning. About to decompress data");
                 int result = usb_wicket_decompress(collected.get(), (unsigned int)used);
-                collected.reset();
+                // The bands are decoded from the collected bytes as the image
+                // is read, so the band stream keeps them until then.
+                if (result == 0)
+                    pBands->pOwned = std::move(collected);
+                else
+                    collected.reset();
                 LOG_DEBUG("Wicket Decompression returned %d", result);
                 LOG_METHOD_END_INT(result);
                 return result;
@@ -1113,8 +1174,15 @@ int IOComm::readAndDecompressData() {
     }
 }
 
+// Decoding happens at read time, one band at a time, into one band buffer
+// kept for the whole job: a scan then holds a band instead of the whole page
+// (some hundred megabytes at the highest resolution), and no page-sized
+// buffer has to be touched for the first time, which cost more than a third
+// of the scan. The bytes handed out are the same. What can be found without
+// decoding is checked here, so a malformed job fails at the start as before.
 int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
     LOG_METHOD_START();
+    endCompressedScan();
     int pixels = optionInt("PIXELS_PER_LINE");
     // The frame announced LINES lines and the device sends that many.
     // SCANHEIGHT is the area's bottom edge, one line more where it rounds up
@@ -1134,89 +1202,63 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
         LOG_METHOD_END_INT(1);
         return 1;
     }
-    pDecompData.reset((unsigned char*)calloc(imageBytes > 0 ? (size_t)imageBytes : 1u, 1));
-    if (!pDecompData) {
-        LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);
-        return COMM_STATUS_INVALID_ARG;
-    }
-    utilAdviseHugePages(pDecompData.get(), (size_t)imageBytes);
-    pDecompDataPtr = pDecompData.get();
+    pBands.reset(new BandStream());
+    BandStream& stream = *pBands;
+    stream.pData = data;
+    stream.iLength = length;
+    stream.bColour = colour;
+    stream.iBpp = bpp;
+    stream.iRowBytes = rowBytes;
+    stream.iLinesLeft = lines;
     iDecompSize = rowBytes * lines;
 
-    Wicket wicket(1);
-    std::vector<unsigned char> band;
+    // The band buffer holds the largest band, as decoded or widened to the
+    // image's lines, and the zeros handed out for lines no band reaches.
+    long bufferBytes = std::min(iDecompSize, (long)USB_DECOMP_PIECE);
+    long linesLeft = lines;
     long outLine = 0;
     unsigned int bandWidth = 0;
     unsigned int pos = 0;
-    while (length - pos >= (unsigned int)BAND_HEADER_LEN && pos < length) {
-        const unsigned char* head = data + pos;
-        int bandSize = (int)readBE32(head, BAND_HEADER_LEN, 0);
-        if (bandSize < 1) {
+    int result = 0;
+    BandHeader band;
+    while (stream.headerAt(pos, &band)) {
+        if (band.iSize < 1) {
             LOG_DEBUG("BandSize <= 0!");
             break;
         }
-        unsigned int bandLines = readBE32(head, BAND_HEADER_LEN, BAND_LINES_OFFSET);
-        bandWidth = readBE32(head, BAND_HEADER_LEN, BAND_WIDTH_OFFSET);
-        int quality = (int)readBE32(head, BAND_HEADER_LEN, BAND_QUALITY_OFFSET);
-        // A band claiming more bytes than were collected gets only those.
-        unsigned int available = length - pos;
-        unsigned int bandBytes = (unsigned int)bandSize < available ? (unsigned int)bandSize : available;
-        int codedLen = bandBytes > (unsigned int)BAND_HEADER_LEN ? (int)(bandBytes - BAND_HEADER_LEN) : 0;
-
-        wicket.QualityFactor(quality);
-        long paddedWidth = (long)roundUp8(bandWidth);
-        long paddedLines = (long)roundUp8(bandLines);
-        if (bandWidth > MAX_BAND_DIMENSION || bandLines > MAX_BAND_DIMENSION ||
-            paddedWidth * paddedLines * bpp > MAX_BAND_BYTES) {
+        bandWidth = band.iWidth;
+        const long decoded = stream.decodedBytes(band);
+        if (decoded < 0) {
             LOG_DEBUG("Wicket Error : %d", -1);
-            LOG_METHOD_END_INT(1);
-            return 1;
+            result = 1;
+            break;
         }
-        const long bandStride = paddedWidth * bpp;
-        const long bandArea = bandStride * paddedLines;
-        const unsigned char* coded = data + pos + BAND_HEADER_LEN;
-        auto decodeInto = [&](unsigned char* out, long outLen) {
-            int produced = 0;
-            int consumed = 0;
-            return colour ? wicket.DecompressThreePlanes(coded, codedLen, out, outLen, (int)paddedWidth,
-                                                         (int)paddedLines, &produced, &consumed)
-                          : wicket.DecompressOnePlane(coded, codedLen, out, outLen, (int)paddedWidth,
-                                                      (int)paddedLines, &produced, &consumed);
-        };
-        unsigned char* image = pDecompData.get();
-        // A band of the image's width whose padded block rows fit into the
-        // image from its first line on is decoded in place and its rows closed
-        // up over the padding, which saves a pass over the whole image.
-        const bool inPlace = bandWidth == (unsigned int)pixels && outLine + (long)bandLines <= roundedLines &&
-                             outLine * rowBytes + bandArea <= imageBytes;
-        int err = 0;
-        if (inPlace) {
-            unsigned char* base = image + outLine * rowBytes;
-            err = decodeInto(base, imageBytes - outLine * rowBytes);
-            if (err == 0) {
-                if (bandStride != rowBytes)
-                    for (long l = 1; l < (long)bandLines; ++l)
-                        memmove(base + l * rowBytes, base + l * bandStride, (size_t)rowBytes);
-                // What the padding left behind the band's lines is blank
-                // again, as where no band reaches.
-                memset(base + (long)bandLines * rowBytes, 0, (size_t)(bandArea - (long)bandLines * rowBytes));
-                outLine += bandLines;
+        const long placed = std::min((long)band.iLines, linesLeft);
+        bufferBytes = std::max(bufferBytes, std::max(decoded, placed * rowBytes));
+        if (band.iSize < BAND_HEADER_LEN || (unsigned int)band.iSize != band.iBytes) {
+            // A band shorter than its header or cut off by the end of the job
+            // is decoded now, so that one the decoder refuses fails the start.
+            if (!reserveDecompBuffer(decoded)) {
+                result = COMM_STATUS_INVALID_ARG;
+                break;
             }
-        } else {
-            band.assign((size_t)bandArea, 0);
-            err = decodeInto(band.data(), (long)band.size());
+            const int err = decodeBand(band, pos);
+            if (err != 0) {
+                LOG_DEBUG("Wicket Error : %d", err);
+                result = 1;
+                break;
+            }
         }
-        if (err != 0) {
-            LOG_DEBUG("Wicket Error : %d", err);
-            LOG_METHOD_END_INT(1);
-            return 1;
-        }
-        // Otherwise each band line goes to the next line of the image; a band
-        // narrower than the image leaves the rest of the line blank.
-        long copyBytes = rowBytes < bandStride ? rowBytes : bandStride;
-        for (unsigned int l = 0; !inPlace && l < bandLines && outLine < roundedLines; ++l, ++outLine)
-            memcpy(image + outLine * rowBytes, band.data() + (long)l * bandStride, (size_t)copyBytes);
-        pos += bandBytes;
+        linesLeft -= placed;
+        outLine = std::min(outLine + (long)band.iLines, roundedLines);
+        pos += band.iBytes;
+    }
+    stream.iEnd = pos;
+    if (result == 0 && !reserveDecompBuffer(bufferBytes)) result = COMM_STATUS_INVALID_ARG;
+    if (result != 0) {
+        endCompressedScan();
+        LOG_METHOD_END_INT(result);
+        return result;
     }
     LOG_DEBUG("----INFO from WICKET START----");
     LOG_DEBUG("Width = %d, Height = %d", (int)bandWidth, (int)outLine);
@@ -1224,4 +1266,123 @@ int IOComm::usb_wicket_decompress(unsigned char* data, unsigned int length) {
     LOG_DEBUG("----INFO from WICKET END----");
     LOG_METHOD_END_INT(0);
     return 0;
+}
+
+bool IOComm::reserveDecompBuffer(long bytes) {
+    if ((long)pDecompData.size() >= bytes) return true;
+    try {
+        pDecompData.resize((size_t)bytes);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// Decodes the band at pos into the band buffer, lines of its padded width.
+int IOComm::decodeBand(const BandHeader& band, unsigned int pos) {
+    BandStream& stream = *pBands;
+    stream.wicket.QualityFactor(band.iQuality);
+    const int paddedWidth = (int)roundUp8(band.iWidth);
+    const int paddedLines = (int)roundUp8(band.iLines);
+    const unsigned char* coded = stream.pData + pos + BAND_HEADER_LEN;
+    const unsigned int codedBytes = band.iBytes > (unsigned int)BAND_HEADER_LEN ? band.iBytes - BAND_HEADER_LEN : 0u;
+    const int codedLen = codedBytes < (unsigned int)INT_MAX ? (int)codedBytes : INT_MAX;
+    unsigned char* out = pDecompData.data();
+    const long outLen = (long)pDecompData.size();
+    int produced = 0;
+    int consumed = 0;
+    return stream.bColour ? stream.wicket.DecompressThreePlanes(coded, codedLen, out, outLen, paddedWidth,
+                                                                paddedLines, &produced, &consumed)
+                          : stream.wicket.DecompressOnePlane(coded, codedLen, out, outLen, paddedWidth, paddedLines,
+                                                             &produced, &consumed);
+}
+
+// Decodes the next band; iBandLeft is then the bytes of its lines that the
+// image still takes (0 for a band past the image's end). A band at least as
+// wide as the image stays as decoded, and handing out skips the rest of each
+// of its lines; a narrower one is widened with zeros to the image's lines.
+int IOComm::decodeNextBand() {
+    BandStream& stream = *pBands;
+    BandHeader band;
+    if (!stream.headerAt(stream.iPos, &band)) {
+        stream.iPos = stream.iEnd;
+        return 0;
+    }
+    const int err = decodeBand(band, stream.iPos);
+    stream.iPos += band.iBytes;
+    if (err != 0) return err;
+    const long lines = std::min((long)band.iLines, stream.iLinesLeft);
+    const long bandStride = (long)roundUp8(band.iWidth) * stream.iBpp;
+    stream.iLinesLeft -= lines;
+    if (bandStride < stream.iRowBytes) {
+        widenLines(pDecompData.data(), lines, bandStride, stream.iRowBytes);
+        stream.iLineGap = 0;
+    } else {
+        stream.iLineGap = bandStride - stream.iRowBytes;
+    }
+    pDecompDataPtr = pDecompData.data();
+    iBandLeft = lines * stream.iRowBytes;
+    return 0;
+}
+
+// Makes the next lines ready to hand out once the last ones are gone: the
+// next band that reaches lines of the image, or, when the bands are used up,
+// zeros for the lines no band reached. After the image's last line the bands
+// left over are decoded as well, though nothing of them is delivered, so a
+// broken one is still reported.
+int IOComm::fillDecompBuffer() {
+    while (pBands && iBandLeft == 0) {
+        if (pBands->iPos < pBands->iEnd) {
+            const int err = decodeNextBand();
+            if (err != 0) return err;
+        } else if (iDecompSize > 0) {
+            iBandLeft = std::min(iDecompSize, (long)USB_DECOMP_PIECE);
+            memset(pDecompData.data(), 0, (size_t)iBandLeft);
+            pDecompDataPtr = pDecompData.data();
+            pBands->iLineGap = 0;
+        } else {
+            break;
+        }
+    }
+    return 0;
+}
+
+int IOComm::readDecompressedImage(int* length, DataBuffer* buffer) {
+    LOG_DEBUG("Total decompressed data size = %d", (int)iDecompSize);
+    const int err = fillDecompBuffer();
+    if (err != 0) {
+        LOG_DEBUG("Wicket Error : %d", err);
+        endCompressedScan();
+        return COMM_STATUS_READ_FAILED;
+    }
+    if (iBandLeft > 0) {
+        BandStream& stream = *pBands;
+        const int n = iBandLeft < USB_DECOMP_PIECE ? (int)iBandLeft : USB_DECOMP_PIECE;
+        // The piece goes line by line, so the padding behind a line is skipped.
+        for (long left = n; left > 0;) {
+            const long take = std::min(left, stream.iRowBytes - stream.iLinePos);
+            buffer->SetRawData(pDecompDataPtr, (int)take);
+            pDecompDataPtr += take;
+            stream.iLinePos += take;
+            left -= take;
+            if (stream.iLinePos == stream.iRowBytes) {
+                pDecompDataPtr += stream.iLineGap;
+                stream.iLinePos = 0;
+            }
+        }
+        iBandLeft -= n;
+        iDecompSize -= n;
+        *length = n;
+        return COMM_STATUS_GOOD;
+    }
+    endCompressedScan();
+    return COMM_STATUS_END_OF_DATA;
+}
+
+void IOComm::endCompressedScan() {
+    pBands.reset();
+    std::vector<unsigned char>().swap(pDecompData);
+    pDecompDataPtr = nullptr;
+    iBandLeft = 0;
+    iDecompSize = 0;
 }

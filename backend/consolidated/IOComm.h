@@ -80,8 +80,6 @@ public:
     // message (header and data part) that the caller frees.
     int fetchMessage(unsigned char** message, unsigned int* length);
     int fetchData(unsigned int length, unsigned char* destination);
-    // Decodes the Wicket bands of a compressed job into the decoded image.
-    int usb_wicket_decompress(unsigned char* data, unsigned int length);
     // Drains the device after a cancel, up to the scan-complete record.
     int clearData();
     // The multi-page reader: every page of a feeder job into the page cache;
@@ -119,6 +117,19 @@ private:
     void consumeAfterJob();
     int readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image);
     int readDecompressedImage(int* length, DataBuffer* buffer);
+    // Compressed mode. usb_wicket_decompress checks the band headers of a
+    // collected job and prepares reading; the bands are decoded from data as
+    // ReadImage hands the image out, so data must stay valid until then
+    // (readAndDecompressData keeps it in the band stream).
+    struct BandHeader;
+    struct BandStream;
+    int usb_wicket_decompress(unsigned char* data, unsigned int length);
+    int decodeBand(const BandHeader& band, unsigned int pos);
+    int decodeNextBand();
+    int fillDecompBuffer();
+    bool reserveDecompBuffer(long bytes);
+    // Frees what a compressed job holds: its bands, the decoder and the band buffer.
+    void endCompressedScan();
     int optionInt(const char* key);
     void dropPending();
 
@@ -142,13 +153,18 @@ private:
     unsigned int iPendingLen = 0;
     bool bCachedPageGiven = false;
     bool bMultiPage = false;
-    // The decoded image of a compressed job and the read position in it.
     struct FreeDeleter {
         void operator()(unsigned char* p) const;
     };
-    std::unique_ptr<unsigned char, FreeDeleter> pDecompData;
-    long iDecompSize = 0;
+    // A compressed job: the collected bands and the decoder, the band buffer
+    // with the decoded lines of the current band, the read position in it and
+    // the bytes of the image's lines in it still to hand out, and the bytes of
+    // the image still to deliver.
+    std::unique_ptr<BandStream> pBands;
+    std::vector<unsigned char> pDecompData;
     unsigned char* pDecompDataPtr = nullptr;
+    long iBandLeft = 0;
+    long iDecompSize = 0;
     // One chunk of the scan data stream.
     std::vector<unsigned char> aChunk;
     std::string szJobDir;

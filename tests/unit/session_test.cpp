@@ -11,6 +11,7 @@
 #include "Cmd326.h"
 #include "NetComm.h"
 #include "ScanLib.h"
+#include "WicketReference.h"
 #include "netns.h"
 #include "session_testutil.h"
 
@@ -364,6 +365,42 @@ TEST_F(SessionTest, CancelInMidPageAbortsUnlocksClosesAndTheNextScanWorks) {
     // A front end ends every frame with a cancel, failed or not.
     sane().cancel(h);
     expectFullPage();
+}
+
+// The 5100 compresses colour at 75 dpi: a cancel in mid-page drops the
+// collected job, and the next page is the reference decoding of the bands
+// the device sent for it.
+TEST_F(SessionTest, CancelInMidCompressedPageAndTheNextPageIsWhole) {
+    Rig rig(st::Q5100, "[INTEGERS]\nCURRENTDPI=75\nCOLORDEPTH=2\nORIGINALSIZE=23\n", "wicket quality=75 band=8\n");
+    ASSERT_TRUE(rig.loaded);
+    ASSERT_EQ(SANE_STATUS_GOOD, open());
+    ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
+    ASSERT_NE(std::string::npos, std::string(usbsim_events()).find("compression=1")) << "not a compressed scan";
+    std::vector<unsigned char> buf(1024);
+    for (int i = 0; i < 3; ++i) {
+        SANE_Int len = 0;
+        ASSERT_EQ(SANE_STATUS_GOOD, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
+    }
+    usbsim_clear_record();
+    sane().cancel(h);
+    SANE_Int len = -1;
+    EXPECT_EQ(SANE_STATUS_CANCELLED, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
+    EXPECT_EQ((std::vector<std::string>{st::H_CANCEL, st::H_UNLOCK}), st::writeHeaders());
+    sane().cancel(h);
+
+    qt::TempDir dir;
+    ASSERT_EQ(0, usbsim_set_band_file(dir.file("bands").c_str()));
+    Page page;
+    ASSERT_EQ(SANE_STATUS_GOOD, startAndRead(page));
+    usbsim_set_band_file(nullptr);
+    EXPECT_EQ(SANE_STATUS_EOF, page.end);
+    const std::string bands = qt::readFile(dir.file("bands"));
+    std::vector<uint8_t> want;
+    int width = 0;
+    ASSERT_EQ(0, wicketref::decodeStream((const uint8_t*)bands.data(), bands.size(), 3, &want, &width));
+    EXPECT_EQ(page.params.pixels_per_line, width);
+    EXPECT_EQ((size_t)page.params.lines * (size_t)page.params.bytes_per_line, want.size());
+    EXPECT_TRUE(std::vector<unsigned char>(want.begin(), want.end()) == page.data);
 }
 
 struct FaultCase {

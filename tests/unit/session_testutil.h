@@ -53,7 +53,7 @@ struct Model {
     int iSmallDpi;      // lowest resolution at which the model sends plain data
 };
 
-// The 5100 compresses colour at 75 dpi, which the simulator does not do.
+// The 5100 compresses colour at 75 dpi, so its smallest plain resolution is 150.
 const Model Q5100 = {"quarto5100.conf", 500, 0x0500, 1, 23, 150};
 const Model Q4200 = {"quarto4200.conf", 402, 0x0402, 0, 14, 75};
 const Model Q4010 = {"quarto4010.conf", 401, 0x0401, 0, 14, 75};

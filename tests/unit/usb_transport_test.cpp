@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -22,6 +23,8 @@
 #include "IOComm.h"
 #include "ImageData.h"
 #include "SaneConfReader.h"
+#include "WicketEncoder.h"
+#include "WicketReference.h"
 #include "netns.h"
 #include "testutil.h"
 #include "usbsim.h"
@@ -891,6 +894,228 @@ TEST_F(UsbTest, CorruptBandIsADecodingError) {
     inject(record(1));
     EXPECT_EQ(1, comm->readAndDecompressData());
 }
+
+// A page of Wicket bands made by the project's encoder (byte stuffing, as a
+// device sends them) and what the plain reference decoder makes of them.
+struct EncodedPage {
+    Bytes bands;
+    Bytes image;  // lines of width x planes bytes
+    std::vector<size_t> bandStarts;
+};
+
+EncodedPage encodePage(int width, int lines, int depth, int bandLines, int seed) {
+    const int planes = depth == 2 ? 3 : 1;
+    Bytes pixels((size_t)width * (size_t)lines * (size_t)planes);
+    for (size_t i = 0; i < pixels.size(); ++i) {
+        const size_t x = i / (size_t)planes % (size_t)width, y = i / (size_t)planes / (size_t)width;
+        pixels[i] = (unsigned char)(x * 5 + y * 3 + (i % (size_t)planes) * 70 + (size_t)seed * 40);
+    }
+    WicketEncodeOptions options;
+    options.iBandLines = bandLines;
+    std::vector<uint8_t> bands = wicketEncodeImage(pixels.data(), width, lines, planes, options);
+    EncodedPage page;
+    page.bands.assign(bands.begin(), bands.end());
+    for (size_t pos = 0; pos + 16 <= page.bands.size();) {
+        page.bandStarts.push_back(pos);
+        pos += (size_t)page.bands[pos] << 24 | (size_t)page.bands[pos + 1] << 16 | (size_t)page.bands[pos + 2] << 8 |
+               page.bands[pos + 3];
+    }
+    std::vector<uint8_t> image;
+    int decodedWidth = 0;
+    EXPECT_EQ(0, wicketref::decodeStream(bands.data(), bands.size(), planes, &image, &decodedWidth));
+    page.image.assign(image.begin(), image.end());
+    return page;
+}
+
+// Overwrites the coded data of band `index` with 1 bits (0xFF, each followed by
+// its stuffed 0x00): no DC code is all ones, so decoding fails with 261.
+void breakBand(EncodedPage& page, size_t index) {
+    const size_t start = page.bandStarts.at(index);
+    const size_t end = index + 1 < page.bandStarts.size() ? page.bandStarts[index + 1] : page.bands.size();
+    for (size_t i = start + 16; i < end; ++i) page.bands[i] = (i - start) % 2 == 0 ? 0xFF : 0x00;
+}
+
+// The reference image cut or widened with zeros to pixels x lines.
+Bytes fitImage(const Bytes& image, int width, int planes, int pixels, int lines) {
+    const size_t from = (size_t)width * (size_t)planes, to = (size_t)pixels * (size_t)planes;
+    const size_t have = image.size() / from;
+    Bytes out((size_t)lines * to, 0);
+    for (size_t y = 0; y < (size_t)lines && y < have; ++y)
+        std::copy_n(image.begin() + (long)(y * from), std::min(from, to), out.begin() + (long)(y * to));
+    return out;
+}
+
+class CompressedJob : public UsbTest {
+protected:
+    // Collects a job of these bands ended by the completion record.
+    int collect(const Bytes& bands) {
+        inject(bands);
+        inject(record(1));
+        return comm->readAndDecompressData();
+    }
+    // Reads pieces into got until ReadImage returns something else than 0 or
+    // `calls` pieces came; returns that result (0 when stopped by the count).
+    int readOut(Bytes* got, int calls = 1000000, std::vector<int>* pieces = nullptr) {
+        DataBuffer out;
+        int rc = 0;
+        for (int i = 0; i < calls; ++i) {
+            int n = -1;
+            if ((rc = comm->ReadImage(&n, &out, nullptr)) != 0) break;
+            if (pieces != nullptr) pieces->push_back(n);
+        }
+        Bytes part = drain(out);
+        got->insert(got->end(), part.begin(), part.end());
+        return rc;
+    }
+};
+
+// Band width and lines as encoded, image width and lines as the options give them.
+struct PageGeometry {
+    const char* label;
+    int depth;
+    int width;
+    int lines;
+    int bandLines;
+    int pixels;
+    int imageLines;
+};
+class CompressedPages : public CompressedJob, public ::testing::WithParamInterface<PageGeometry> {};
+
+TEST_P(CompressedPages, ComeOutAsTheReferenceDecodesTheBandsInPiecesOf16384AtMost) {
+    const PageGeometry& c = GetParam();
+    const int planes = c.depth == 2 ? 3 : 1;
+    open326();
+    compressedImage(c.pixels, c.imageLines, c.depth);
+    EncodedPage page = encodePage(c.width, c.lines, c.depth, c.bandLines, 1);
+    ASSERT_EQ(0, collect(page.bands));
+    Bytes got;
+    std::vector<int> pieces;
+    EXPECT_EQ(1, readOut(&got, 1000000, &pieces));
+    const Bytes want = fitImage(page.image, c.width, planes, c.pixels, c.imageLines);
+    ASSERT_EQ(want.size(), got.size());
+    EXPECT_TRUE(want == got) << "first difference at byte "
+                             << std::mismatch(want.begin(), want.end(), got.begin()).first - want.begin();
+    for (int n : pieces) EXPECT_TRUE(n > 0 && n <= 16384) << n;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Geometry, CompressedPages,
+    ::testing::Values(
+        // Lines longer than a piece, of a width the bands pad to 6008 pixels.
+        PageGeometry{"colour_lines_longer_than_a_piece", 2, 6001, 20, 8, 6001, 20},
+        PageGeometry{"grey_padded_width_several_bands", 1, 37, 50, 16, 37, 50},
+        // Bands wider than the image lose what lies beyond it.
+        PageGeometry{"colour_bands_wider_than_the_image", 2, 48, 24, 8, 41, 24},
+        // The last band reaches below the image; below the last band, zeros.
+        PageGeometry{"colour_more_lines_sent_than_the_image_holds", 2, 40, 24, 16, 40, 20},
+        PageGeometry{"grey_fewer_lines_sent_than_the_image_holds", 1, 40, 24, 8, 40, 30}),
+    [](const ::testing::TestParamInfo<PageGeometry>& i) { return std::string(i.param.label); });
+
+TEST_F(CompressedJob, BandThatFailsInMidPageEndsTheReadAndTheNextScanIsWhole) {
+    open326();
+    compressedImage(40, 32, 2);
+    EncodedPage page = encodePage(40, 32, 2, 8, 1);
+    ASSERT_EQ(4u, page.bandStarts.size());
+    EncodedPage broken = page;
+    breakBand(broken, 1);
+    ASSERT_EQ(0, collect(broken.bands)) << "the headers are sound; the data is decoded when read";
+    Bytes got;
+    int rc;
+    std::string log;
+    {
+        qt::ScopedEnv env("ENABLE_SL_LOG", "1");
+        qt::StderrCapture capture;
+        rc = readOut(&got);
+        log = capture.finish();
+    }
+    EXPECT_EQ(15, rc);
+    EXPECT_EQ(Bytes(page.image.begin(), page.image.begin() + 8 * 40 * 3), got) << "the first band, whole";
+    EXPECT_NE(std::string::npos, log.find("Wicket Error : 261")) << log;
+    Bytes after;
+    EXPECT_EQ(1, readOut(&after));
+    EXPECT_TRUE(after.empty());
+
+    ASSERT_EQ(0, collect(page.bands));
+    got.clear();
+    EXPECT_EQ(1, readOut(&got));
+    EXPECT_TRUE(page.image == got);
+}
+
+TEST_F(CompressedJob, BrokenBandBelowTheImageIsReportedAfterTheImage) {
+    open326();
+    compressedImage(40, 16, 1);
+    EncodedPage page = encodePage(40, 24, 1, 8, 1);
+    breakBand(page, 2);
+    ASSERT_EQ(0, collect(page.bands));
+    Bytes got;
+    EXPECT_EQ(15, readOut(&got));
+    EXPECT_TRUE(Bytes(page.image.begin(), page.image.begin() + 16 * 40) == got);
+}
+
+TEST_F(CompressedJob, BandShorterThanItsHeaderFailsTheStart) {
+    open326();
+    compressedImage(16, 8, 1);
+    // Size 8, 8 lines of 16 pixels: no data to decode them from.
+    inject({0, 0, 0, 8, 0, 0, 0, 8, 0, 0, 0, 16, 0, 0, 0, 50, 0, 0, 0, 0, 0, 0, 0, 0});
+    inject(record(1));
+    EXPECT_EQ(1, comm->readAndDecompressData());
+    Bytes got;
+    EXPECT_EQ(1, readOut(&got));
+    EXPECT_TRUE(got.empty());
+}
+
+// A job read in part, then cut off as a session does it; the transport holds
+// nothing of it afterwards and the next job comes out whole.
+enum class Cut { Clear, Close, NewJob, FailedJob, Destroy };
+class CutJob : public CompressedJob, public ::testing::WithParamInterface<Cut> {};
+
+TEST_P(CutJob, DropsTheRestAndTheNextJobIsWhole) {
+    open326();
+    compressedImage(6001, 20, 2);
+    EncodedPage first = encodePage(6001, 20, 2, 8, 1);
+    EncodedPage second = encodePage(6001, 20, 2, 8, 2);
+    ASSERT_EQ(0, collect(first.bands));
+    Bytes got;
+    ASSERT_EQ(0, readOut(&got, 3));
+    ASSERT_TRUE(Bytes(first.image.begin(), first.image.begin() + (long)got.size()) == got);
+    Bytes rest;
+    switch (GetParam()) {
+    case Cut::Clear:
+        EXPECT_EQ(0, comm->clear());
+        EXPECT_EQ(1, readOut(&rest));
+        break;
+    case Cut::Close:  // what the session's abort does after cancel and unlock
+        EXPECT_EQ(0, comm->closeDevice());
+        EXPECT_EQ(1, readOut(&rest));
+        ASSERT_EQ(0, comm->openDevice());
+        break;
+    case Cut::NewJob:
+        break;
+    case Cut::FailedJob:  // a new job that ends with a paper jam leaves nothing to read either
+        inject(record(5));
+        EXPECT_EQ(5, comm->readAndDecompressData());
+        EXPECT_EQ(1, readOut(&rest));
+        break;
+    case Cut::Destroy:
+        comm.reset();
+        make(oneDevice(326));
+        command(326);
+        ASSERT_EQ(0, comm->openDevice());
+        break;
+    }
+    EXPECT_TRUE(rest.empty());
+    ASSERT_EQ(0, collect(second.bands));
+    got.clear();
+    EXPECT_EQ(1, readOut(&got));
+    EXPECT_TRUE(second.image == got);
+}
+
+std::string cutName(const ::testing::TestParamInfo<Cut>& i) {
+    static const char* const NAMES[] = {"clear", "close", "new_job", "failed_job", "destroy"};
+    return NAMES[(int)i.param];
+}
+INSTANTIATE_TEST_SUITE_P(Ways, CutJob, ::testing::Values(Cut::Clear, Cut::Close, Cut::NewJob, Cut::FailedJob, Cut::Destroy),
+                         cutName);
 
 TEST_F(UsbTest, CompressedJobEndsWithTheRecordOrTheReadStatus) {
     open326();
