@@ -215,12 +215,16 @@ std::string sideFileName(const std::string& page) {
     return page.substr(0, at) + SIDE_EXTENSION + page.substr(at + strlen(PAGE_EXTENSION));
 }
 
-// Opens a regular file for reading, never through a link.
+// Opens a regular file for reading, never through a link. The open does not
+// wait: a named pipe in the file's place is refused, not read until a writer
+// comes.
 FILE* openRegularFile(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return nullptr;
     struct stat st;
-    FILE* f = (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) ? fdopen(fd, "rb") : nullptr;
+    FILE* f = (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0)
+                  ? fdopen(fd, "rb")
+                  : nullptr;
     if (f == nullptr) close(fd);
     return f;
 }

@@ -6,12 +6,15 @@
 // program: it records its arguments and copies prepared pages to where
 // --filename points. Expected pixels follow the simulator's formula and the
 // documented rotation and resizing mappings, computed here.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -449,6 +452,33 @@ TEST_F(NetJob, FeederPagesAreNumberedAndTheMissingOneEndsTheJob) {
     }
     EXPECT_EQ(20, net.openDevice());
     EXPECT_FALSE(ran()) << "the program ran once for the whole job";
+    EXPECT_EQ(0, net.getCounter());
+    EXPECT_FALSE(exists(job));
+}
+
+// A side file or page that is a named pipe is not a file the program wrote:
+// reading it must not wait for a writer that never comes. The side file counts
+// as missing; the page fails the job.
+TEST_F(NetJob, NamedPipesInsteadOfFilesDoNotHoldTheScan) {
+    store.SetIntOption("SCAN_SOURCE", 1);
+    put("Defaultscan.pxm", zlibPage(2, 300, 12, 6, pattern(2, 12, 6)));
+    ASSERT_EQ(0, mkdir(job.c_str(), 0700));
+    ASSERT_EQ(0, mkfifo((job + "/Defaultscan.conf").c_str(), 0600));
+    ASSERT_EQ(0, mkfifo((job + "/Defaultscan.pxm.1").c_str(), 0600));
+    // Runs openDevice, and unblocks it through the pipe if it still waits after
+    // a while (a failure then).
+    auto openWithin = [&](const std::string& pipe) {
+        auto result = std::async(std::launch::async, [&] { return net.openDevice(); });
+        if (result.wait_for(std::chrono::seconds(10)) == std::future_status::timeout) {
+            ADD_FAILURE() << "openDevice waits on " << pipe;
+            int fd = open(pipe.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd >= 0) close(fd);
+        }
+        return result.get();
+    };
+    EXPECT_EQ(19, openWithin(job + "/Defaultscan.conf"));
+    EXPECT_TRUE(pattern(2, 12, 6) == readAll(net));
+    EXPECT_EQ(15, openWithin(job + "/Defaultscan.pxm.1"));
     EXPECT_EQ(0, net.getCounter());
     EXPECT_FALSE(exists(job));
 }
