@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <ctime>
 
 #include "ConfigReader.h"
 #include "DataBuffer.h"
@@ -174,6 +175,13 @@ bool privateDirectory(const std::string& dir) {
         if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) return false;
     }
     return true;
+}
+
+// Milliseconds on a clock that setting the time of day does not move.
+long long monotonicMillis() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
 // A UDP socket with SO_BROADCAST and SO_REUSEADDR, bound to port 5353 of any
@@ -565,15 +573,18 @@ int NetComm::getScanners(char*** list, int* count, void* conf) {
         LOG_DEBUG("sendto return an error");
         status = COMM_STATUS_SEND_FAILED;
     } else {
-        // One time-out for the whole collection: select leaves the remaining
-        // time in tv, so later waits only get what is left of the 5 seconds.
-        struct timeval tv = {NET_DISCOVERY_SECONDS, 0};
+        // One time-out for the whole collection: each wait only gets what is
+        // left of the 5 seconds. The wait is a poll rather than a select, which
+        // cannot watch a descriptor numbered past its fixed set (front ends
+        // with many files open get such numbers).
+        const long long deadline = monotonicMillis() + NET_DISCOVERY_SECONDS * 1000LL;
         for (;;) {
-            fd_set readable;
-            FD_ZERO(&readable);
-            FD_SET(fd, &readable);
-            int ret = select(fd + 1, &readable, nullptr, nullptr, &tv);
-            LOG_DEBUG("ret is %d and timeout is %d", ret, (int)tv.tv_sec);
+            long long left = deadline - monotonicMillis();
+            struct pollfd readable = {fd, POLLIN, 0};
+            int ret = left > 0 ? poll(&readable, 1, (int)left) : 0;
+            left = deadline - monotonicMillis();
+            if (left < 0) left = 0;
+            LOG_DEBUG("ret is %d and timeout is %d", ret, (int)(left / 1000));
             if (ret < 1) break;
             LOG_DEBUG("reading from port ");
             unsigned char reply[NET_REPLY_SIZE];
@@ -595,7 +606,7 @@ int NetComm::getScanners(char*** list, int* count, void* conf) {
                     }
                 }
             }
-            if (tv.tv_sec == 0 && tv.tv_usec == 0) break;
+            if (left == 0) break;
         }
     }
     close(fd);

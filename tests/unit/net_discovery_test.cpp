@@ -3,8 +3,11 @@
 // address map, and the collection over real sockets inside a network namespace
 // of this test's own (loopback only; skipped where no namespace can be made).
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -418,6 +421,34 @@ TEST_F(NetSockets, CollectsTheAcceptedDevicesInReplyOrderWithinFiveSeconds) {
         EXPECT_EQ(0xFFFFu, d.getPid());
     }
     EXPECT_EQ(2u, NetComm::macToIpMap.size());
+}
+
+// A front end with many descriptors open (the descriptor limit here is far
+// above 1024) gets a discovery socket numbered past what an fd_set holds: the
+// collection must still wait on it without writing past any set.
+TEST_F(NetSockets, CollectsOnASocketNumberedPastTheSelectLimit) {
+    Responder responder({reply(deviceEntries("192.0.2.10", "0080C0FF1234", MODEL_5100))});
+    ASSERT_TRUE(responder.ok());
+    const int high = FD_SETSIZE + 16;
+    struct rlimit limit;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    if (limit.rlim_cur < (rlim_t)high + 8) {
+        if (limit.rlim_max < (rlim_t)high + 8) GTEST_SKIP() << "the descriptor limit is below " << high + 8;
+        limit.rlim_cur = (rlim_t)high + 8;
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    }
+    // Every free number up to high is taken, so the next socket gets one above.
+    std::vector<int> fillers;
+    for (int fd = 0; fd < high && (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(fd);
+    NetComm net;
+    char** list = nullptr;
+    int count = 0;
+    const int status = net.getScanners(&list, &count, &conf);
+    for (int fd : fillers) close(fd);
+    ASSERT_EQ(0, status);
+    EXPECT_EQ((std::vector<std::string>{"NET_PSEUDO_PLACE_HOLDER::",
+                                        "Tarvesk/MFG:Tarvesk;MDL:Quarto 5100 Ethernet;/libnet:000103FF482C/192.0.2.10"}),
+              takeNames(list, count));
 }
 
 // A device name nobody listed in this process is looked up by one query; the
