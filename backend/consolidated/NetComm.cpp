@@ -157,24 +157,49 @@ bool validProfileName(const char* profile) {
     return profile != nullptr && strchr(profile, '/') == nullptr && strstr(profile, "..") == nullptr;
 }
 
+bool trustedOwner(uid_t uid) { return uid == 0 || uid == geteuid(); }
+
+// A directory of root or this user that others may write only with the sticky
+// bit: nobody else can rename what root or this user made in it.
+bool safeDirectory(const struct stat& st) {
+    return S_ISDIR(st.st_mode) && trustedOwner(st.st_uid) &&
+           ((st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0);
+}
+
+// Every directory above path, as far as they exist, is a safe directory or a
+// link of root or this user (nobody else can point it elsewhere), and the real
+// directories the existing part leads to are safe directories: nobody else can
+// make the path lead somewhere else, now or later.
+bool safeAncestors(const std::string& path) {
+    struct stat st;
+    if (lstat("/", &st) != 0 || !safeDirectory(st)) return false;
+    std::string existing = "/";
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string prefix = path.substr(0, slash);
+        if (lstat(prefix.c_str(), &st) != 0) {
+            if (errno == ENOENT) break;  // made afresh, by this user
+            return false;
+        }
+        if (S_ISLNK(st.st_mode) ? !trustedOwner(st.st_uid) : !safeDirectory(st)) return false;
+        existing = prefix;
+    }
+    char* real = realpath(existing.c_str(), nullptr);
+    if (real == nullptr) return false;
+    const std::string resolved = std::string(real) + "/";
+    free(real);
+    for (size_t slash = resolved.find('/', 1); slash != std::string::npos; slash = resolved.find('/', slash + 1))
+        if (lstat(resolved.substr(0, slash).c_str(), &st) != 0 || !safeDirectory(st)) return false;
+    return true;
+}
+
 // A directory only this user can change: not a link, owned by the user, not
-// writable by anybody else; and every directory above it owned by root or the
-// user and writable by others only with the sticky bit, so nobody else can
-// rename it away and put something in its place.
+// writable by anybody else, in a path nobody else can redirect.
 bool privateDirectory(const std::string& dir) {
     struct stat st;
     if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() ||
         (st.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         return false;
-    std::string up = dir;
-    while (!up.empty()) {
-        size_t slash = up.rfind('/');
-        up.resize(slash == std::string::npos ? 0 : slash);
-        const char* path = up.empty() ? "/" : up.c_str();
-        if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode) || (st.st_uid != 0 && st.st_uid != geteuid())) return false;
-        if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) return false;
-    }
-    return true;
+    return safeAncestors(dir);
 }
 
 // Milliseconds on a clock that setting the time of day does not move.
@@ -820,6 +845,11 @@ bool NetComm::jobHasMorePages(int mappedSize) {
 int NetComm::prepareTempDirectory() {
     const std::string dir = optionString("TEMPDIRECTORY");
     struct stat st;
+    // Nothing is made in a path that somebody else could redirect.
+    if (!safeAncestors(dir)) {
+        LOG_DEBUG("[ERROR] temporary directory %s lies in a path that others can change", dir.c_str());
+        return COMM_STATUS_INVALID_ARG;
+    }
     if (lstat(dir.c_str(), &st) != 0) {
         std::string command = "/bin/mkdir -p " + utilShellQuote(dir) + " \t\t\t\t\t 1>/dev/null 2>/dev/null";
         if (system(command.c_str()) != 0) {

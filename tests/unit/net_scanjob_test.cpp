@@ -541,14 +541,40 @@ TEST_F(NetJob, TemporaryDirectoryMustBePrivate) {
     EXPECT_EQ(2, net.openDevice());
     ASSERT_EQ(0, rmdir(job.c_str()));
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
-    EXPECT_EQ(2, net.openDevice()) << "made inside a directory others may write";
+    EXPECT_EQ(2, net.openDevice()) << "inside a directory others may write";
+    EXPECT_FALSE(exists(job)) << "nothing is made where others may write";
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
     EXPECT_FALSE(ran());
-    ASSERT_EQ(0, rmdir(job.c_str()));
     ASSERT_EQ(19, net.openDevice());
     struct stat st;
     ASSERT_EQ(0, lstat(job.c_str(), &st));
     EXPECT_EQ(0700u, st.st_mode & 07777);
+}
+
+// A link above the temporary directory, in a directory everybody may write
+// (as /tmp), that belongs to somebody else can be pointed elsewhere by its
+// owner at any moment, mid-job too: such a path is refused before anything is
+// made or run. The same link of the user's own is followed as any path.
+TEST_F(NetJob, LinkOfSomebodyElseAboveTheDirectoryIsRefused) {
+    put("Defaultscan.pxm", zlibPage(2, 300, 8, 8, pattern(2, 8, 8)));
+    const std::string shared = dir.file("shared"), victim = dir.file("victim");
+    ASSERT_EQ(0, mkdir(shared.c_str(), 0700));
+    ASSERT_EQ(0, chmod(shared.c_str(), 01777));
+    ASSERT_EQ(0, mkdir(victim.c_str(), 0700));
+    ASSERT_EQ(0, symlink(victim.c_str(), (shared + "/link").c_str()));
+    const uid_t other = geteuid() == 65534 ? 65533 : 65534;
+    if (lchown((shared + "/link").c_str(), other, other) != 0) GTEST_SKIP() << "giving a link away needs root";
+    store.SetStringOption("TEMPDIRECTORY", (shared + "/link/job").c_str());
+    EXPECT_EQ(2, net.openDevice());
+    EXPECT_FALSE(ran());
+    EXPECT_FALSE(exists(victim + "/job")) << "made through the link";
+    EXPECT_EQ(0, net.closeDevice());
+
+    ASSERT_EQ(0, lchown((shared + "/link").c_str(), geteuid(), getegid()));
+    ASSERT_EQ(19, net.openDevice());
+    EXPECT_TRUE(pattern(2, 8, 8) == readAll(net));
+    EXPECT_EQ(0, net.closeDevice());
+    EXPECT_FALSE(exists(victim + "/job"));
 }
 
 // ------------------------------------------------------------ session level
