@@ -857,8 +857,13 @@ int NetComm::prepareTempDirectory() {
             return COMM_STATUS_READ_FAILED;
         }
         // Made for this user alone rather than open to everybody: others must
-        // not plant files or links among the pages, nor read them.
-        chmod(dir.c_str(), S_IRWXU);
+        // not plant files or links among the pages, nor read them. Changed
+        // through a descriptor, never through a link put in its place since.
+        int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd >= 0) {
+            if (fstat(fd, &st) == 0 && st.st_uid == geteuid()) fchmod(fd, S_IRWXU);
+            close(fd);
+        }
     }
     if (!privateDirectory(dir)) {
         LOG_DEBUG("[ERROR] temporary directory %s is a link, not the user's own or writable by others", dir.c_str());
