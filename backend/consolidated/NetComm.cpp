@@ -1113,6 +1113,12 @@ int NetComm::decodeZlibPage(int* fileDpi) {
         LOG_DEBUG("[ERROR] page of %lld bytes cannot come from %ld bytes of data", expected, compressedLen);
         return 1;
     }
+    // compress never makes more of a page than compressBound: a longer file is
+    // not the page it announces, and its bulk is not read into memory.
+    if ((unsigned long long)compressedLen > (unsigned long long)compressBound((uLong)expected)) {
+        LOG_DEBUG("[ERROR] %ld bytes of data are more than a page of %lld bytes compresses to", compressedLen, expected);
+        return 1;
+    }
     std::unique_ptr<unsigned char, FreeDeleter> compressed((unsigned char*)malloc((size_t)compressedLen));
     std::unique_ptr<unsigned char, FreeDeleter> out(allocPageBuffer(expected));
     if (!compressed || !out || fread(compressed.get(), 1, (size_t)compressedLen, f) != (size_t)compressedLen) {

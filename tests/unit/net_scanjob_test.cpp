@@ -8,6 +8,7 @@
 // documented rotation and resizing mappings, computed here.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -429,6 +430,22 @@ INSTANTIATE_TEST_SUITE_P(
         BrokenCase{"BandHuge", replaced(wicketPage({{16, 8}}), 4, std::string("\x00\x00\xff\xff\x00\x00\xff\xff", 8)),
                    "FAMILYID=14\n"}),
     [](const ::testing::TestParamInfo<BrokenCase>& i) { return std::string(i.param.name); });
+
+// A page file far longer than any compressed form of the page its header
+// announces (here a 16 x 16 page followed by 1.5 GB of zeros, a sparse file)
+// is refused without its bulk being read into memory.
+TEST_F(NetJob, PageFileFarLongerThanItsPageIsRefusedUnread) {
+    const std::string page = pages + "/Defaultscan.pxm";
+    put("Defaultscan.pxm", GOOD);
+    ASSERT_EQ(0, truncate(page.c_str(), (off_t)GOOD.size() + (1536L << 20)));
+    struct rusage before, after;
+    getrusage(RUSAGE_SELF, &before);
+    // The program copies the page; cp keeps it sparse.
+    EXPECT_EQ(15, net.openDevice());
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 256L << 10) << "kilobytes more at the peak";
+    EXPECT_FALSE(exists(job));
+}
 
 // A feeder job: the program runs once and leaves numbered pages; a page
 // without a side file keeps the first page's rotation; the missing next page
