@@ -1023,7 +1023,9 @@ int NetComm::postProcess(bool firstPage) {
     }
     if (status == 0 && depth != COLOR_DEPTH_BW && iRotate >= 1 && iRotate <= 359) status = rotatePage();
     if (status == 0 && depth != COLOR_DEPTH_BW && bInterpolate) status = interpolatePage(fileDpi, dpi);
-    if (status == 0) unlink(szImageFile.c_str());  // the page file goes once it is decoded
+    // The page file goes once it is decoded; removed with unlink rather than
+    // a shell command, so no path is handed to a shell.
+    if (status == 0) unlink(szImageFile.c_str());
     LOG_METHOD_END_INT(status);
     return status;
 }
@@ -1190,7 +1192,7 @@ int NetComm::rotatePage() {
     const bool fits = (long)image.getSize() == size;
     unsigned char* turned = fits ? image.rotateImageFromFile(file.get(), iRotate) : nullptr;
     file.reset();
-    unlink(path.c_str());
+    unlink(path.c_str());  // unlink rather than a shell command: no path goes to a shell
     if (turned == nullptr) {
         // An angle other than 90, 180 and 270 leaves the page as it is: the
         // buffer comes back untouched.
@@ -1244,7 +1246,9 @@ int NetComm::wicket_decompress() {
         return 1;
     }
     // First pass: every band must lie whole in the file and share the first
-    // band's width; their lines together size the page.
+    // band's width; their lines together size the page. (The band sizes
+    // summed and tripled would not bound what the bands decode to, so the
+    // output is sized from the headers instead.)
     const long align = wicketLineAlign(1, colour ? 3 : 1);
     auto padded = [align](unsigned n) { return (long)((n + align - 1) / align * align); };
     unsigned width = 0;
