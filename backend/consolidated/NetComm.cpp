@@ -546,9 +546,20 @@ uint64_t NetComm::hexStringLong(const char* s) {
     return value;
 }
 
+// A model text that would reshape the device name: the separator of its
+// pieces, or a control character that would garble a front end's listing.
+bool NetComm::malformedModel(const std::string& model) {
+    for (unsigned char c : model)
+        if (c == '/' || c < 0x20 || c == 0x7F) return true;
+    return false;
+}
+
 bool NetComm::acceptDevice(const NValueObjects& device, const char* manufacturer) {
     const std::string& model = device.getModel();
     if (device.getMac().empty() || device.getIp().empty() || model.empty() || manufacturer == nullptr) return false;
+    // The model becomes a piece of the "/"-separated name: one holding a "/"
+    // (say "…Ethernet/libusb:001:004") would list an entry naming another device.
+    if (malformedModel(model)) return false;
     const bool ethernet = model.find(ETHERNET) != std::string::npos;
     if (containsNoCase(model, manufacturer) && ethernet) return true;
     // A backend configured for the maker or for the partner treated like it
@@ -621,6 +632,8 @@ int NetComm::getScanners(char*** list, int* count, void* conf) {
                 if (parsePacket(reply, (int)n, &device)) {
                     LOG_DEBUG("parsing udp packets %s", device.getModel().c_str());
                     LOG_DEBUG("manufacturer is %s", manufacturer);
+                    if (malformedModel(device.getModel()))
+                        LOG_DEBUG("[WARN] model text holds '/' or a control character, device not listed");
                     if (acceptDevice(device, manufacturer)) {
                         device.setVid(NET_DEVICE_ID);
                         device.setPid(NET_DEVICE_ID);

@@ -107,6 +107,7 @@ public:
     static uint64_t hexStringLong(const char* s);
     // Whether a parsed device is listed for the configured manufacturer.
     static bool acceptDevice(const NValueObjects& device, const char* manufacturer);
+    static bool malformedModel(const std::string& model);
     // One discovery pass for the device whose MAC occurs in name (owned by the
     // caller), or null.
     NValueObjects* getScanner(char* name);

@@ -257,7 +257,11 @@ INSTANTIATE_TEST_SUITE_P(
                       FilterCase{PARTNERS, "MFG:Quindorra;MDL:Q9 Ethernet;", true},
                       FilterCase{PARTNERS, "MFG:BRNKT;MDL:B1 Ethernet;", true},
                       FilterCase{PARTNERS, "MFG:Quindorra;MDL:Q9;", false},
-                      FilterCase{PARTNERS, MODEL_5100, false}));
+                      FilterCase{PARTNERS, MODEL_5100, false},
+                      // A model that would add pieces to the device name, or garble a listing.
+                      FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto Ethernet/libusb:001:004;", false},
+                      FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto Ethernet;\n", false},
+                      FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto\x7f Ethernet;", false}));
 
 TEST(NetFilter, NeedsMacAddressAndModel) {
     for (int missing = 0; missing < 3; ++missing) {
