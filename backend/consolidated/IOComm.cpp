@@ -873,6 +873,10 @@ int IOComm::clear() {
     return rc;
 }
 
+bool IOComm::isMultiPageJob() {
+    return optionInt("USB_MULTIPAGE_FLAG") == 1 && optionInt("SCAN_SOURCE") != 0;
+}
+
 int IOComm::consumeScannerData() {
     LOG_METHOD_START();
     int multiPage = optionInt("USB_MULTIPAGE_FLAG");
@@ -1026,8 +1030,11 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
     // command object again for every piece: the start decided on the mode
     // with the same question, and its option look-ups and log lines cost more
     // than handing the piece out. While pages of a feeder job are cached, the
-    // command object decides as before.
-    if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
+    // command object decides as before; a cached page of a compressed job is
+    // its band stream, decoded as it is handed out.
+    if (bMultiPage && pBands == nullptr && pCommand->getCompression() == COMPRESSION_ON)
+        rc = readCompressedCachedPage(length, buffer);
+    else if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
         rc = readDecompressedImage(length, buffer);
     else if (bMultiPage)
         rc = readCachedPage(length, buffer);
@@ -1063,6 +1070,40 @@ int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
     }
     LOG_DEBUG("no more cached pages found");
     return COMM_STATUS_END_OF_DATA;
+}
+
+// Takes the next cached page of a compressed feeder job, one per session as
+// an uncompressed one, and hands out its first piece; the bands of the page
+// then go out as those of a compressed scan do.
+int IOComm::readCompressedCachedPage(int* length, DataBuffer* buffer) {
+    if (bCachedPageGiven) {
+        LOG_DEBUG("cached page has already been given for this session");
+        LOG_DEBUG("indicating no more page to give");
+        return COMM_STATUS_END_OF_DATA;
+    }
+    unsigned int pages = cachedPageCount();
+    LOG_DEBUG("Total cached pages: %d", (int)pages);
+    if (pages == 0) {
+        LOG_DEBUG("no more cached pages found");
+        return COMM_STATUS_END_OF_DATA;
+    }
+    unsigned char* raw = nullptr;
+    unsigned int size = 0;
+    if (!ScanRecordDataMgr::getInstance()->takePage(&raw, &size)) {
+        LOG_DEBUG("[ERROR] reading cached page failed");
+        return COMM_STATUS_READ_FAILED;
+    }
+    std::unique_ptr<unsigned char, FreeDeleter> page(raw);
+    LOG_DEBUG("cached page size: %u", size);
+    bCachedPageGiven = true;
+    if (usb_wicket_decompress(page.get(), size) != 0) {
+        LOG_DEBUG("[ERROR] reading cached page failed");
+        return COMM_STATUS_READ_FAILED;
+    }
+    // The bands are decoded from the page as it is read.
+    pBands->pOwned = std::move(page);
+    LOG_DEBUG("handing over cached page...");
+    return readDecompressedImage(length, buffer);
 }
 
 int IOComm::readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image) {
@@ -1113,6 +1154,15 @@ int IOComm::readAndDecompressData() {
     // Whatever an earlier compressed job left unread goes before a new one starts.
     endCompressedScan();
     if (pCommand == nullptr || pCommand->getCompression() != COMPRESSION_ON) {
+        LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+        return COMM_STATUS_GOOD;
+    }
+    if (isMultiPageJob()) {
+        // A feeder job sends its pages as scan records whatever the
+        // compression: collected here, every page would be dropped as a
+        // record and the job lost. The multi-page reader caches each page's
+        // bands, and they are decoded as the page is handed out.
+        LOG_DEBUG("compressed pages of a multi-page job are decoded as each is handed out");
         LOG_METHOD_END_INT(COMM_STATUS_GOOD);
         return COMM_STATUS_GOOD;
     }

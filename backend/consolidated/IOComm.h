@@ -106,6 +106,9 @@ private:
     // Pages left by an earlier multi-page job.
     unsigned int cachedPageCount();
     int readCachedPage(int* length, DataBuffer* buffer);
+    int readCompressedCachedPage(int* length, DataBuffer* buffer);
+    // A feeder job with the multi-page flag: its pages go to the page cache.
+    bool isMultiPageJob();
     // The job directory: made on the first multi-page job, removed with the
     // transport. The page cache and the progress display serve this
     // transport only while their base path is its directory.
