@@ -224,6 +224,32 @@ TEST_F(MultiPage, TheJobDirectoryBelongsToTheTransportThatMadeIt) {
     EXPECT_EQ(0, ScanRecordDataMgr::getInstance()->getTotalPages());
 }
 
+// A cached page whose file went away (a clean-up of the temporary directory)
+// cannot be handed out, but it must not outlive its transport: the next
+// transport's job gives its own pages, not the old page's failure.
+TEST_F(MultiPage, APageFileThatVanishedDoesNotOutliveItsTransport) {
+    send({JOB_START, PAGE_START, FRAG_AB, PAGE_END, PAGE_START, FRAG_CDE, PAGE_END, COMPLETE});
+    ASSERT_EQ(0, comm->consumeScannerData());
+    const std::string jobDir = comm->getJobDirectory();
+    std::vector<std::string> files = qt::listDir(jobDir);
+    ASSERT_EQ(2u, files.size());
+    ASSERT_EQ(0, unlink((jobDir + "/" + files[0]).c_str()));
+    DataBuffer buffer;
+    ImageData image;
+    int n = 0;
+    EXPECT_EQ(15, comm->ReadImage(&n, &buffer, &image)) << "the vanished page cannot be read";
+
+    comm.reset(new IOComm());
+    char name[] = "Tarvesk/Quarto 5100/libusb:001:004";
+    comm->setDevice(name);
+    comm->setConfigReader(&store);
+    comm->setCommand(cmd.get());
+    ASSERT_EQ(0, comm->openDevice()) << "no page of the old transport is cached";
+    send({JOB_START, PAGE_START, FRAG_XY, PAGE_END, COMPLETE});
+    ASSERT_EQ(0, comm->consumeScannerData());
+    EXPECT_EQ(std::vector<std::string>{"XY"}, pages());
+}
+
 // Commands still reach the device while pages are cached, so that the
 // session can unlock the scanner before it hands out the rest.
 TEST_F(MultiPage, CommandsAreSentWhilePagesAreCached) {
