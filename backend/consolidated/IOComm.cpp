@@ -182,9 +182,11 @@ struct IOComm::BandStream {
     // Bytes a decoded band takes, its width and lines padded to whole blocks;
     // -1 for a band larger than any device sends.
     long decodedBytes(const BandHeader& band) const {
+        // The dimensions are checked first: two values of a malformed header
+        // near 2^32 have a product that fits in no integer.
+        if (band.iWidth > MAX_BAND_DIMENSION || band.iLines > MAX_BAND_DIMENSION) return -1;
         const long bytes = (long)roundUp8(band.iWidth) * (long)roundUp8(band.iLines) * iBpp;
-        return band.iWidth > MAX_BAND_DIMENSION || band.iLines > MAX_BAND_DIMENSION || bytes > MAX_BAND_BYTES ? -1
-                                                                                                              : bytes;
+        return bytes > MAX_BAND_BYTES ? -1 : bytes;
     }
 };
 
