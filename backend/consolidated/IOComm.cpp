@@ -72,6 +72,11 @@ const unsigned MAX_BAND_DIMENSION = 1u << 16;
 const long MAX_BAND_BYTES = 1L << 26;
 // Largest decoded image accepted (bytes).
 const long MAX_IMAGE_BYTES = 1L << 31;
+// Most bytes a compressed job may take per byte of its decoded image, and in
+// all: even a band of one line coded at the highest quality stays far below
+// it, so a job that passes it is a device that never ends the job.
+const long MAX_CODED_PER_DECODED = 16;
+const long MAX_COMPRESSED_BYTES = MAX_IMAGE_BYTES;
 
 const char MAKER_FULL_NAME[] = "Tarvesk International";
 const char MAKER_SHORT_NAME[] = "Tarvesk";
@@ -1168,6 +1173,14 @@ int IOComm::readAndDecompressData() {
         LOG_METHOD_END_INT(COMM_STATUS_GOOD);
         return COMM_STATUS_GOOD;
     }
+    // What the frame's image can take coded, at least the initial estimate and
+    // at most the largest accepted: past that the job is refused rather than
+    // the process's memory given to whatever the device keeps sending.
+    const long pixels = std::max(optionInt("PIXELS_PER_LINE"), 0);
+    const long lines = std::max(optionInt("LINES"), 0);
+    const long decodedBytes = (long)roundUp8((unsigned)pixels) * (long)roundUp8((unsigned)lines) * 3;
+    const size_t limit = (size_t)std::min(MAX_COMPRESSED_BYTES, std::max(USB_COMPRESSED_ESTIMATE,
+                                                                         MAX_CODED_PER_DECODED * decodedBytes));
     size_t capacity = (size_t)USB_COMPRESSED_ESTIMATE;
     std::unique_ptr<unsigned char, FreeDeleter> collected((unsigned char*)calloc(capacity, 1));
     if (!collected) {
@@ -1208,10 +1221,15 @@ int IOComm::readAndDecompressData() {
             LOG_METHOD_END_INT(type);
             return type;
         }
+        if (used + (size_t)got > limit) {
+            LOG_ERROR("[ERROR] compressed job larger than %ld bytes: not read further", (long)limit);
+            LOG_METHOD_END_INT(1);
+            return 1;
+        }
         if (used + (size_t)got > capacity) {
             LOG_DEBUG("memory estimation for compressed buffer not enough!");
             // Doubling keeps the number of copies (and of log lines) logarithmic.
-            size_t need = std::max(used + (size_t)got, capacity * 2);
+            size_t need = std::min(std::max(used + (size_t)got, capacity * 2), limit);
             unsigned char* grown = (unsigned char*)realloc(collected.get(), need);
             if (grown == nullptr) {
                 LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);

@@ -742,6 +742,23 @@ TEST_F(UsbTest, CompressedJobCollectsUntilCompleteAndHandsOutPieces) {
     EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr));
 }
 
+// A device that keeps sending without ever completing the job is read only
+// up to a bound (for a small image the initial 42,000,000-byte estimate): the
+// collection then fails instead of growing with whatever the device sends.
+TEST_F(UsbTest, CompressedJobThatNeverEndsIsCutAtABound) {
+    open326();
+    compressedImage(8, 8, 1);
+    const int chunks = 42000000 / 8192 + 2;
+    const Bytes junk(8192, 0x11);
+    for (int i = 0; i < chunks; ++i) inject(junk);
+    inject(record(1));
+    EXPECT_NE(0, comm->readAndDecompressData());
+    EXPECT_EQ(2, usbsim_queued(0)) << "read on past the bound";
+    DataBuffer out;
+    int n = 0;
+    EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr)) << "nothing to hand out";
+}
+
 // Writes Wicket entropy-coded data: Huffman codes of JPEG Annex K given as
 // bit strings, a 0x00 stuffed after every 0xFF, and two bytes of look-ahead.
 class BandWriter {
