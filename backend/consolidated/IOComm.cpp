@@ -72,11 +72,12 @@ const unsigned MAX_BAND_DIMENSION = 1u << 16;
 const long MAX_BAND_BYTES = 1L << 26;
 // Largest decoded image accepted (bytes).
 const long MAX_IMAGE_BYTES = 1L << 31;
-// Most bytes a compressed job may take per byte of its decoded image, and in
-// all: even a band of one line coded at the highest quality stays far below
-// it, so a job that passes it is a device that never ends the job.
-const long MAX_CODED_PER_DECODED = 16;
-const long MAX_COMPRESSED_BYTES = MAX_IMAGE_BYTES;
+// Most bytes the device may send for one image per byte of the decoded
+// image, and in all: even a band of one line coded at the highest quality
+// stays far below it, so an image that passes it comes from a device that
+// never ends it.
+const long MAX_SENT_PER_DECODED = 16;
+const long MAX_SENT_BYTES = MAX_IMAGE_BYTES;
 
 const char MAKER_FULL_NAME[] = "Tarvesk International";
 const char MAKER_SHORT_NAME[] = "Tarvesk";
@@ -880,6 +881,17 @@ int IOComm::clear() {
     return rc;
 }
 
+// What the device may send for one image of the frame, coded or raw: at
+// least the initial estimate of a compressed job, at most the largest image
+// accepted. Past it the image is refused rather than the process's memory
+// (or the page cache's disk) given to whatever the device keeps sending.
+long IOComm::imageByteLimit() {
+    const long pixels = std::max(optionInt("PIXELS_PER_LINE"), 0);
+    const long lines = std::max(optionInt("LINES"), 0);
+    const long decodedBytes = (long)roundUp8((unsigned)pixels) * (long)roundUp8((unsigned)lines) * 3;
+    return std::min(MAX_SENT_BYTES, std::max(USB_COMPRESSED_ESTIMATE, MAX_SENT_PER_DECODED * decodedBytes));
+}
+
 bool IOComm::isMultiPageJob() {
     return optionInt("USB_MULTIPAGE_FLAG") == 1 && optionInt("SCAN_SOURCE") != 0;
 }
@@ -920,6 +932,9 @@ int IOComm::readImagesIntoFiles() {
     bool completed = false;
     bool stop = false;
     int pageCounter = 0;
+    // A page is taken back whole into memory, at most INT_MAX bytes.
+    const unsigned long pageLimit = (unsigned long)std::min(imageByteLimit(), (long)INT_MAX);
+    unsigned long pageBytes = 0;
     while (!stop) {
         unsigned char* raw = nullptr;
         unsigned int len = 0;
@@ -938,7 +953,11 @@ int IOComm::readImagesIntoFiles() {
             unsigned int fragment = len > (unsigned)RECORD_PAYLOAD_OFFSET ? len - RECORD_PAYLOAD_OFFSET : 0u;
             LOG_DEBUG("page fragment first 100 bytes");
             LOG_DUMP(raw + RECORD_PAYLOAD_OFFSET, (int)std::min(fragment, (unsigned)USB_FRAGMENT_DUMP));
-            if (!cache->putPageFragment(raw + (fragment > 0 ? RECORD_PAYLOAD_OFFSET : 0), fragment)) {
+            pageBytes += fragment;
+            if (pageBytes > pageLimit) {
+                LOG_ERROR("[ERROR] page larger than %lu bytes: job ended", pageLimit);
+                stop = true;
+            } else if (!cache->putPageFragment(raw + (fragment > 0 ? RECORD_PAYLOAD_OFFSET : 0), fragment)) {
                 // A page that cannot be written whole ends the job rather than
                 // giving the front end a short page.
                 LOG_ERROR("[ERROR] unable to write page fragment to the page cache");
@@ -949,6 +968,7 @@ int IOComm::readImagesIntoFiles() {
         case RECORD_SCAN_COMPLETE:
             LOG_DEBUG("scan completed successfully");
             cache->endPage();
+            pageBytes = 0;
             completed = true;
             stop = true;
             break;
@@ -975,6 +995,7 @@ int IOComm::readImagesIntoFiles() {
         case RECORD_PAGE_END:
             LOG_DEBUG("page end marker");
             cache->endPage();
+            pageBytes = 0;
             break;
         case RECORD_JOB_START:
             LOG_DEBUG("job start marker");
@@ -1173,14 +1194,7 @@ int IOComm::readAndDecompressData() {
         LOG_METHOD_END_INT(COMM_STATUS_GOOD);
         return COMM_STATUS_GOOD;
     }
-    // What the frame's image can take coded, at least the initial estimate and
-    // at most the largest accepted: past that the job is refused rather than
-    // the process's memory given to whatever the device keeps sending.
-    const long pixels = std::max(optionInt("PIXELS_PER_LINE"), 0);
-    const long lines = std::max(optionInt("LINES"), 0);
-    const long decodedBytes = (long)roundUp8((unsigned)pixels) * (long)roundUp8((unsigned)lines) * 3;
-    const size_t limit = (size_t)std::min(MAX_COMPRESSED_BYTES, std::max(USB_COMPRESSED_ESTIMATE,
-                                                                         MAX_CODED_PER_DECODED * decodedBytes));
+    const size_t limit = (size_t)imageByteLimit();
     size_t capacity = (size_t)USB_COMPRESSED_ESTIMATE;
     std::unique_ptr<unsigned char, FreeDeleter> collected((unsigned char*)calloc(capacity, 1));
     if (!collected) {

@@ -109,6 +109,8 @@ private:
     int readCompressedCachedPage(int* length, DataBuffer* buffer);
     // A feeder job with the multi-page flag: its pages go to the page cache.
     bool isMultiPageJob();
+    // Most bytes the device may send for one image of the frame.
+    long imageByteLimit();
     // The job directory: made on the first multi-page job, removed with the
     // transport. The page cache and the progress display serve this
     // transport only while their base path is its directory.

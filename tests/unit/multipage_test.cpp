@@ -250,6 +250,29 @@ TEST_F(MultiPage, APageFileThatVanishedDoesNotOutliveItsTransport) {
     EXPECT_EQ(std::vector<std::string>{"XY"}, pages());
 }
 
+// A page that grows past what an image of the frame can take (for a small
+// frame the 42,000,000-byte floor) ends the job: it is neither kept in the
+// cache nor read back into memory, and the ended page before it stays.
+TEST_F(MultiPage, APageThatNeverEndsEndsTheJob) {
+    store.SetIntOption("PIXELS_PER_LINE", 8);
+    store.SetIntOption("LINES", 8);
+    send({JOB_START, PAGE_START, FRAG_XY, PAGE_END, PAGE_START});
+    const unsigned payload = 65533;  // the most one message carries
+    Bytes fragment = hex("1b530200ffff0000 0000");
+    fragment.resize(10 + payload, 0x11);
+    const int messages = (int)(42000000 / payload) + 1;  // the last one passes the floor
+    for (int i = 0; i < messages; ++i) send(fragment);
+    send({PAGE_END, COMPLETE});
+    EXPECT_EQ(1, comm->consumeScannerData());
+    EXPECT_EQ(2, usbsim_queued(0)) << "read on past the bound";
+    const std::vector<std::string> got = pages();
+    EXPECT_EQ(1u, got.size()) << "the page past the bound was kept";
+    if (!got.empty()) {
+        EXPECT_EQ("XY", got[0]);
+    }
+    EXPECT_TRUE(qt::listDir(comm->getJobDirectory()).empty());
+}
+
 // Commands still reach the device while pages are cached, so that the
 // session can unlock the scanner before it hands out the rest.
 TEST_F(MultiPage, CommandsAreSentWhilePagesAreCached) {
