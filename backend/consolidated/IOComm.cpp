@@ -1072,38 +1072,9 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
     return rc;
 }
 
-int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
-    if (bCachedPageGiven) {
-        LOG_DEBUG("cached page has already been given for this session");
-        LOG_DEBUG("indicating no more page to give");
-        return COMM_STATUS_END_OF_DATA;
-    }
-    unsigned int pages = cachedPageCount();
-    LOG_DEBUG("Total cached pages: %d", (int)pages);
-    if (pages > 0) {
-        unsigned char* raw = nullptr;
-        unsigned int size = 0;
-        if (!ScanRecordDataMgr::getInstance()->takePage(&raw, &size)) {
-            LOG_DEBUG("[ERROR] reading cached page failed");
-            return COMM_STATUS_READ_FAILED;
-        }
-        std::unique_ptr<unsigned char, FreeDeleter> page(raw);
-        LOG_DEBUG("cached page size: %u", size);
-        // takePage hands out at most INT_MAX bytes.
-        buffer->SetRawData(page.get(), (int)size);
-        *length = (int)size;
-        bCachedPageGiven = true;
-        LOG_DEBUG("handing over cached page...");
-        return COMM_STATUS_GOOD;
-    }
-    LOG_DEBUG("no more cached pages found");
-    return COMM_STATUS_END_OF_DATA;
-}
-
-// Takes the next cached page of a compressed feeder job, one per session as
-// an uncompressed one, and hands out its first piece; the bands of the page
-// then go out as those of a compressed scan do.
-int IOComm::readCompressedCachedPage(int* length, DataBuffer* buffer) {
+// The page of this session from the page cache: 0 with the page, 1 when the
+// session had its page or none is left, 15 when it cannot be read.
+int IOComm::takeCachedPage(std::unique_ptr<unsigned char, FreeDeleter>& page, unsigned int* size) {
     if (bCachedPageGiven) {
         LOG_DEBUG("cached page has already been given for this session");
         LOG_DEBUG("indicating no more page to give");
@@ -1116,19 +1087,40 @@ int IOComm::readCompressedCachedPage(int* length, DataBuffer* buffer) {
         return COMM_STATUS_END_OF_DATA;
     }
     unsigned char* raw = nullptr;
-    unsigned int size = 0;
-    if (!ScanRecordDataMgr::getInstance()->takePage(&raw, &size)) {
+    if (!ScanRecordDataMgr::getInstance()->takePage(&raw, size)) {
         LOG_DEBUG("[ERROR] reading cached page failed");
         return COMM_STATUS_READ_FAILED;
     }
-    std::unique_ptr<unsigned char, FreeDeleter> page(raw);
-    LOG_DEBUG("cached page size: %u", size);
+    page.reset(raw);
+    LOG_DEBUG("cached page size: %u", *size);
     bCachedPageGiven = true;
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
+    std::unique_ptr<unsigned char, FreeDeleter> page;
+    unsigned int size = 0;
+    const int rc = takeCachedPage(page, &size);
+    if (rc != COMM_STATUS_GOOD) return rc;
+    // takePage hands out at most INT_MAX bytes.
+    buffer->SetRawData(page.get(), (int)size);
+    *length = (int)size;
+    LOG_DEBUG("handing over cached page...");
+    return COMM_STATUS_GOOD;
+}
+
+// The cached page of a compressed feeder job is its band stream: taken as an
+// uncompressed one is, one per session, its bands then go out as those of a
+// compressed scan do, decoded as they are handed out.
+int IOComm::readCompressedCachedPage(int* length, DataBuffer* buffer) {
+    std::unique_ptr<unsigned char, FreeDeleter> page;
+    unsigned int size = 0;
+    const int rc = takeCachedPage(page, &size);
+    if (rc != COMM_STATUS_GOOD) return rc;
     if (usb_wicket_decompress(page.get(), size) != 0) {
         LOG_DEBUG("[ERROR] reading cached page failed");
         return COMM_STATUS_READ_FAILED;
     }
-    // The bands are decoded from the page as it is read.
     pBands->pOwned = std::move(page);
     LOG_DEBUG("handing over cached page...");
     return readDecompressedImage(length, buffer);

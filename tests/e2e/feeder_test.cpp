@@ -20,6 +20,19 @@ const char* const DEVICE = "quarto:libusb/001/004";
 const e2e::PageSize PHOTO_3X5 = {"3x5 Photo", 76.2, 127, 76.2};
 
 
+// Page p of a batch written into dir, parsed, its size checked against the
+// announced one; false (with a failure) when it is missing or malformed.
+bool readBatchPage(const qt::TempDir& dir, int p, int pixels, int lines, e2e::Pnm* img) {
+    std::string why;
+    if (!e2e::parsePnm(qt::readFile(dir.file("page-" + std::to_string(p) + ".pnm")), img, &why)) {
+        ADD_FAILURE() << "page " << p << ": " << why;
+        return false;
+    }
+    EXPECT_EQ(pixels, img->iWidth) << "page " << p;
+    EXPECT_EQ(lines, img->iHeight) << "page " << p;
+    return true;
+}
+
 struct BatchCase {
     e2e::Mode eMode;
     int iSheets;
@@ -60,11 +73,7 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPageThenTheFeederIsEmpty) {
     EXPECT_EQ(pixels, w.iWidth);
     for (int p = 1; p <= c.iSheets; ++p) {
         e2e::Pnm img;
-        std::string why;
-        ASSERT_TRUE(e2e::parsePnm(qt::readFile(dir.file("page-" + std::to_string(p) + ".pnm")), &img, &why))
-            << "page " << p << ": " << why;
-        EXPECT_EQ(pixels, img.iWidth) << "page " << p;
-        EXPECT_EQ(lines, img.iHeight) << "page " << p;
+        ASSERT_TRUE(readBatchPage(dir, p, pixels, lines, &img));
         EXPECT_EQ(e2e::bitsPerPixel(c.eMode), img.bitsPerPixel());
         const e2e::Window page = e2e::pageWindow(w, p);
         EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(page, row); })) << "page " << p;
@@ -126,11 +135,7 @@ TEST_P(CompressedFeederBatch, EachSheetIsTheReferenceDecodingOfItsOwnBands) {
     ASSERT_EQ(pageBytes * sheets, decoded.size()) << "the device sent the bands of every sheet";
     for (int p = 1; p <= sheets; ++p) {
         e2e::Pnm img;
-        std::string why;
-        ASSERT_TRUE(e2e::parsePnm(qt::readFile(dir.file("page-" + std::to_string(p) + ".pnm")), &img, &why))
-            << "page " << p << ": " << why;
-        EXPECT_EQ(pixels, img.iWidth) << "page " << p;
-        EXPECT_EQ(lines, img.iHeight) << "page " << p;
+        ASSERT_TRUE(readBatchPage(dir, p, pixels, lines, &img));
         ASSERT_EQ(pageBytes, img.szData.size()) << "page " << p;
         EXPECT_TRUE(memcmp(img.szData.data(), decoded.data() + pageBytes * (p - 1), pageBytes) == 0)
             << "page " << p << " is not the reference decoding of its sheet's bands";
