@@ -2,9 +2,11 @@
 // job into the page cache, then every cached page handed out one per session,
 // then the transport destroyed with its job directory.
 //
-// Input: byte 0 selects the command version (bits 0-1) and the progress
-// display flag (bit 2; no display is ever there, so nothing is started). The
-// rest are device transfers, each a length byte followed by that many bytes.
+// Input: byte 0 selects the command version (bits 0-1), the progress display
+// flag (bit 2; no display is ever there, so nothing is started), a compressed
+// job whose cached pages are band streams (bit 3; versions 326 to 402, which
+// take compression from the option) and colour (bit 4). The rest are device
+// transfers, each a length byte followed by that many bytes.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -49,6 +51,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     store.SetIntOption("SCAN_SOURCE", 1);
     store.SetIntOption("READ_STATUS_DISPLAY_FLAG", (data[0] & 4) ? 1 : 0);
     store.SetStringOption("DISPLAYBINARY", "/nonexistent/quarto-progress");
+    store.SetIntOption("COMPRESSION", (data[0] & 8) ? 1 : 0);
+    store.SetIntOption("COLORDEPTH", (data[0] & 16) ? 2 : 1);
+    store.SetIntOption("PIXELS_PER_LINE", 37);
+    store.SetIntOption("LINES", 21);
     FakeDevice device = openFakeDevice(VERSIONS[data[0] & 3], store);
     if (!device.comm) return 0;
     IOComm& comm = *device.comm;

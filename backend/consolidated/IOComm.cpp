@@ -72,6 +72,12 @@ const unsigned MAX_BAND_DIMENSION = 1u << 16;
 const long MAX_BAND_BYTES = 1L << 26;
 // Largest decoded image accepted (bytes).
 const long MAX_IMAGE_BYTES = 1L << 31;
+// Most bytes the device may send for one image per byte of the decoded
+// image, and in all: even a band of one line coded at the highest quality
+// stays far below it, so an image that passes it comes from a device that
+// never ends it.
+const long MAX_SENT_PER_DECODED = 16;
+const long MAX_SENT_BYTES = MAX_IMAGE_BYTES;
 
 const char MAKER_FULL_NAME[] = "Tarvesk International";
 const char MAKER_SHORT_NAME[] = "Tarvesk";
@@ -182,9 +188,11 @@ struct IOComm::BandStream {
     // Bytes a decoded band takes, its width and lines padded to whole blocks;
     // -1 for a band larger than any device sends.
     long decodedBytes(const BandHeader& band) const {
+        // The dimensions are checked first: two values of a malformed header
+        // near 2^32 have a product that fits in no integer.
+        if (band.iWidth > MAX_BAND_DIMENSION || band.iLines > MAX_BAND_DIMENSION) return -1;
         const long bytes = (long)roundUp8(band.iWidth) * (long)roundUp8(band.iLines) * iBpp;
-        return band.iWidth > MAX_BAND_DIMENSION || band.iLines > MAX_BAND_DIMENSION || bytes > MAX_BAND_BYTES ? -1
-                                                                                                              : bytes;
+        return bytes > MAX_BAND_BYTES ? -1 : bytes;
     }
 };
 
@@ -873,6 +881,21 @@ int IOComm::clear() {
     return rc;
 }
 
+// What the device may send for one image of the frame, coded or raw: at
+// least the initial estimate of a compressed job, at most the largest image
+// accepted. Past it the image is refused rather than the process's memory
+// (or the page cache's disk) given to whatever the device keeps sending.
+long IOComm::imageByteLimit() {
+    const long pixels = std::max(optionInt("PIXELS_PER_LINE"), 0);
+    const long lines = std::max(optionInt("LINES"), 0);
+    const long decodedBytes = (long)roundUp8((unsigned)pixels) * (long)roundUp8((unsigned)lines) * 3;
+    return std::min(MAX_SENT_BYTES, std::max(USB_COMPRESSED_ESTIMATE, MAX_SENT_PER_DECODED * decodedBytes));
+}
+
+bool IOComm::isMultiPageJob() {
+    return optionInt("USB_MULTIPAGE_FLAG") == 1 && optionInt("SCAN_SOURCE") != 0;
+}
+
 int IOComm::consumeScannerData() {
     LOG_METHOD_START();
     int multiPage = optionInt("USB_MULTIPAGE_FLAG");
@@ -909,6 +932,9 @@ int IOComm::readImagesIntoFiles() {
     bool completed = false;
     bool stop = false;
     int pageCounter = 0;
+    // A page is taken back whole into memory, at most INT_MAX bytes.
+    const unsigned long pageLimit = (unsigned long)std::min(imageByteLimit(), (long)INT_MAX);
+    unsigned long pageBytes = 0;
     while (!stop) {
         unsigned char* raw = nullptr;
         unsigned int len = 0;
@@ -927,7 +953,11 @@ int IOComm::readImagesIntoFiles() {
             unsigned int fragment = len > (unsigned)RECORD_PAYLOAD_OFFSET ? len - RECORD_PAYLOAD_OFFSET : 0u;
             LOG_DEBUG("page fragment first 100 bytes");
             LOG_DUMP(raw + RECORD_PAYLOAD_OFFSET, (int)std::min(fragment, (unsigned)USB_FRAGMENT_DUMP));
-            if (!cache->putPageFragment(raw + (fragment > 0 ? RECORD_PAYLOAD_OFFSET : 0), fragment)) {
+            pageBytes += fragment;
+            if (pageBytes > pageLimit) {
+                LOG_ERROR("[ERROR] page larger than %lu bytes: job ended", pageLimit);
+                stop = true;
+            } else if (!cache->putPageFragment(raw + (fragment > 0 ? RECORD_PAYLOAD_OFFSET : 0), fragment)) {
                 // A page that cannot be written whole ends the job rather than
                 // giving the front end a short page.
                 LOG_ERROR("[ERROR] unable to write page fragment to the page cache");
@@ -938,6 +968,7 @@ int IOComm::readImagesIntoFiles() {
         case RECORD_SCAN_COMPLETE:
             LOG_DEBUG("scan completed successfully");
             cache->endPage();
+            pageBytes = 0;
             completed = true;
             stop = true;
             break;
@@ -964,6 +995,7 @@ int IOComm::readImagesIntoFiles() {
         case RECORD_PAGE_END:
             LOG_DEBUG("page end marker");
             cache->endPage();
+            pageBytes = 0;
             break;
         case RECORD_JOB_START:
             LOG_DEBUG("job start marker");
@@ -1026,8 +1058,11 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
     // command object again for every piece: the start decided on the mode
     // with the same question, and its option look-ups and log lines cost more
     // than handing the piece out. While pages of a feeder job are cached, the
-    // command object decides as before.
-    if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
+    // command object decides as before; a cached page of a compressed job is
+    // its band stream, decoded as it is handed out.
+    if (bMultiPage && pBands == nullptr && pCommand->getCompression() == COMPRESSION_ON)
+        rc = readCompressedCachedPage(length, buffer);
+    else if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
         rc = readDecompressedImage(length, buffer);
     else if (bMultiPage)
         rc = readCachedPage(length, buffer);
@@ -1037,7 +1072,9 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
     return rc;
 }
 
-int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
+// The page of this session from the page cache: 0 with the page, 1 when the
+// session had its page or none is left, 15 when it cannot be read.
+int IOComm::takeCachedPage(std::unique_ptr<unsigned char, FreeDeleter>& page, unsigned int* size) {
     if (bCachedPageGiven) {
         LOG_DEBUG("cached page has already been given for this session");
         LOG_DEBUG("indicating no more page to give");
@@ -1045,24 +1082,48 @@ int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
     }
     unsigned int pages = cachedPageCount();
     LOG_DEBUG("Total cached pages: %d", (int)pages);
-    if (pages > 0) {
-        unsigned char* raw = nullptr;
-        unsigned int size = 0;
-        if (!ScanRecordDataMgr::getInstance()->takePage(&raw, &size)) {
-            LOG_DEBUG("[ERROR] reading cached page failed");
-            return COMM_STATUS_READ_FAILED;
-        }
-        std::unique_ptr<unsigned char, FreeDeleter> page(raw);
-        LOG_DEBUG("cached page size: %u", size);
-        // takePage hands out at most INT_MAX bytes.
-        buffer->SetRawData(page.get(), (int)size);
-        *length = (int)size;
-        bCachedPageGiven = true;
-        LOG_DEBUG("handing over cached page...");
-        return COMM_STATUS_GOOD;
+    if (pages == 0) {
+        LOG_DEBUG("no more cached pages found");
+        return COMM_STATUS_END_OF_DATA;
     }
-    LOG_DEBUG("no more cached pages found");
-    return COMM_STATUS_END_OF_DATA;
+    unsigned char* raw = nullptr;
+    if (!ScanRecordDataMgr::getInstance()->takePage(&raw, size)) {
+        LOG_DEBUG("[ERROR] reading cached page failed");
+        return COMM_STATUS_READ_FAILED;
+    }
+    page.reset(raw);
+    LOG_DEBUG("cached page size: %u", *size);
+    bCachedPageGiven = true;
+    return COMM_STATUS_GOOD;
+}
+
+int IOComm::readCachedPage(int* length, DataBuffer* buffer) {
+    std::unique_ptr<unsigned char, FreeDeleter> page;
+    unsigned int size = 0;
+    const int rc = takeCachedPage(page, &size);
+    if (rc != COMM_STATUS_GOOD) return rc;
+    // takePage hands out at most INT_MAX bytes.
+    buffer->SetRawData(page.get(), (int)size);
+    *length = (int)size;
+    LOG_DEBUG("handing over cached page...");
+    return COMM_STATUS_GOOD;
+}
+
+// The cached page of a compressed feeder job is its band stream: taken as an
+// uncompressed one is, one per session, its bands then go out as those of a
+// compressed scan do, decoded as they are handed out.
+int IOComm::readCompressedCachedPage(int* length, DataBuffer* buffer) {
+    std::unique_ptr<unsigned char, FreeDeleter> page;
+    unsigned int size = 0;
+    const int rc = takeCachedPage(page, &size);
+    if (rc != COMM_STATUS_GOOD) return rc;
+    if (usb_wicket_decompress(page.get(), size) != 0) {
+        LOG_DEBUG("[ERROR] reading cached page failed");
+        return COMM_STATUS_READ_FAILED;
+    }
+    pBands->pOwned = std::move(page);
+    LOG_DEBUG("handing over cached page...");
+    return readDecompressedImage(length, buffer);
 }
 
 int IOComm::readOrdinaryImage(int* length, DataBuffer* buffer, ImageData* image) {
@@ -1116,6 +1177,16 @@ int IOComm::readAndDecompressData() {
         LOG_METHOD_END_INT(COMM_STATUS_GOOD);
         return COMM_STATUS_GOOD;
     }
+    if (isMultiPageJob()) {
+        // A feeder job sends its pages as scan records whatever the
+        // compression: collected here, every page would be dropped as a
+        // record and the job lost. The multi-page reader caches each page's
+        // bands, and they are decoded as the page is handed out.
+        LOG_DEBUG("compressed pages of a multi-page job are decoded as each is handed out");
+        LOG_METHOD_END_INT(COMM_STATUS_GOOD);
+        return COMM_STATUS_GOOD;
+    }
+    const size_t limit = (size_t)imageByteLimit();
     size_t capacity = (size_t)USB_COMPRESSED_ESTIMATE;
     std::unique_ptr<unsigned char, FreeDeleter> collected((unsigned char*)calloc(capacity, 1));
     if (!collected) {
@@ -1156,10 +1227,15 @@ int IOComm::readAndDecompressData() {
             LOG_METHOD_END_INT(type);
             return type;
         }
+        if (used + (size_t)got > limit) {
+            LOG_ERROR("[ERROR] compressed job larger than %ld bytes: not read further", (long)limit);
+            LOG_METHOD_END_INT(1);
+            return 1;
+        }
         if (used + (size_t)got > capacity) {
             LOG_DEBUG("memory estimation for compressed buffer not enough!");
             // Doubling keeps the number of copies (and of log lines) logarithmic.
-            size_t need = std::max(used + (size_t)got, capacity * 2);
+            size_t need = std::min(std::max(used + (size_t)got, capacity * 2), limit);
             unsigned char* grown = (unsigned char*)realloc(collected.get(), need);
             if (grown == nullptr) {
                 LOG_METHOD_END_INT(COMM_STATUS_INVALID_ARG);

@@ -93,6 +93,9 @@ public:
     const char* getDev() const { return cDev; }
 
 private:
+    struct FreeDeleter {
+        void operator()(unsigned char* p) const;
+    };
     // Reads a vendor (98) or product (99) string of dev into buffer.
     int getNameDev(struct usb_device* dev, usb_dev_handle* handle, char* buffer, int size, int kind);
     void refreshBusses();
@@ -105,7 +108,13 @@ private:
     void closeHandle();
     // Pages left by an earlier multi-page job.
     unsigned int cachedPageCount();
+    int takeCachedPage(std::unique_ptr<unsigned char, FreeDeleter>& page, unsigned int* size);
     int readCachedPage(int* length, DataBuffer* buffer);
+    int readCompressedCachedPage(int* length, DataBuffer* buffer);
+    // A feeder job with the multi-page flag: its pages go to the page cache.
+    bool isMultiPageJob();
+    // Most bytes the device may send for one image of the frame.
+    long imageByteLimit();
     // The job directory: made on the first multi-page job, removed with the
     // transport. The page cache and the progress display serve this
     // transport only while their base path is its directory.
@@ -153,9 +162,6 @@ private:
     unsigned int iPendingLen = 0;
     bool bCachedPageGiven = false;
     bool bMultiPage = false;
-    struct FreeDeleter {
-        void operator()(unsigned char* p) const;
-    };
     // A compressed job: the collected bands and the decoder, the band buffer
     // with the decoded lines of the current band, the read position in it and
     // the bytes of the image's lines in it still to hand out, and the bytes of

@@ -65,7 +65,13 @@ int ScanRecordDataMgr::openDataFile(std::string& path) {
     return fd;
 }
 
-bool ScanRecordDataMgr::deleteDataFile(std::string& path) { return unlink(path.c_str()) == 0; }
+bool ScanRecordDataMgr::deleteDataFile(std::string& path) {
+    // A page file that is already gone (a clean-up of the temporary
+    // directory) counts as deleted: otherwise clearing would stop at it for
+    // good, and this process-wide queue would keep it in front of the pages
+    // of every later job, none of which could then be handed out.
+    return unlink(path.c_str()) == 0 || errno == ENOENT;
+}
 
 bool ScanRecordDataMgr::putPageFragment(unsigned char* data, unsigned int length) {
     if (currentFd == -1) {

@@ -6,9 +6,11 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "WicketReference.h"
 #include "e2e_scan.h"
 
 namespace {
@@ -17,6 +19,19 @@ const char* const DEVICE = "quarto:libusb/001/004";
 // The smallest size that the 5100 keeps when the source turns to the feeder.
 const e2e::PageSize PHOTO_3X5 = {"3x5 Photo", 76.2, 127, 76.2};
 
+
+// Page p of a batch written into dir, parsed, its size checked against the
+// announced one; false (with a failure) when it is missing or malformed.
+bool readBatchPage(const qt::TempDir& dir, int p, int pixels, int lines, e2e::Pnm* img) {
+    std::string why;
+    if (!e2e::parsePnm(qt::readFile(dir.file("page-" + std::to_string(p) + ".pnm")), img, &why)) {
+        ADD_FAILURE() << "page " << p << ": " << why;
+        return false;
+    }
+    EXPECT_EQ(pixels, img->iWidth) << "page " << p;
+    EXPECT_EQ(lines, img->iHeight) << "page " << p;
+    return true;
+}
 
 struct BatchCase {
     e2e::Mode eMode;
@@ -58,11 +73,7 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPageThenTheFeederIsEmpty) {
     EXPECT_EQ(pixels, w.iWidth);
     for (int p = 1; p <= c.iSheets; ++p) {
         e2e::Pnm img;
-        std::string why;
-        ASSERT_TRUE(e2e::parsePnm(qt::readFile(dir.file("page-" + std::to_string(p) + ".pnm")), &img, &why))
-            << "page " << p << ": " << why;
-        EXPECT_EQ(pixels, img.iWidth) << "page " << p;
-        EXPECT_EQ(lines, img.iHeight) << "page " << p;
+        ASSERT_TRUE(readBatchPage(dir, p, pixels, lines, &img));
         EXPECT_EQ(e2e::bitsPerPixel(c.eMode), img.bitsPerPixel());
         const e2e::Window page = e2e::pageWindow(w, p);
         EXPECT_EQ("", e2e::compareLines(img, [&](int row) { return e2e::deviceLine(page, row); })) << "page " << p;
@@ -85,5 +96,57 @@ INSTANTIATE_TEST_SUITE_P(Feeder, FeederBatch,
                          ::testing::Values(BatchCase{e2e::COLOR, 1}, BatchCase{e2e::LINEART, 3},
                                            BatchCase{e2e::GRAY, 3}, BatchCase{e2e::COLOR, 12}),
                          batchName);
+
+// At 75 dpi the 5100 asks for Wicket compression, and a feeder job carries
+// each sheet's bands in its fragments. Every sheet still gives one file of the
+// announced size, byte for byte what the reference decoder makes of the bands
+// the device sent for that sheet, in the order of the sheets.
+class CompressedFeederBatch : public ::testing::TestWithParam<e2e::Mode> {};
+
+TEST_P(CompressedFeederBatch, EachSheetIsTheReferenceDecodingOfItsOwnBands) {
+    const e2e::Mode mode = GetParam();
+    const int sheets = 3;
+    qt::TempDir dir;
+    qt::TempDir tmp;
+    qt::writeFile(dir.file("sim.scn"), qt::readFile(e2e::dataFile("e2e_q5100.scn")) + "  sheets " +
+                                           std::to_string(sheets) + "\n  multipage on\n  wicket quality=75 band=32\n");
+    qt::SaneEnv sane(e2e::MODELS_CONF, dir.file("sim.scn"));
+    std::vector<std::string> args = {"-d", DEVICE, "-v", "--format=pnm", "--original-size", PHOTO_3X5.szName,
+                                     "--source", "Automatic Document Feeder", "--scan-resolution", "75", "--mode",
+                                     e2e::modeName(mode), "--batch=" + dir.file("page-%d.pnm")};
+    std::string out, err;
+    int rc = sane.scanimage(args, &out, &err, {"TMPDIR=" + tmp.path(), "QUARTO_USBSIM_BANDS=" + dir.file("bands")},
+                            120);
+    EXPECT_EQ(0, rc) << err;
+    EXPECT_NE(std::string::npos, err.find("sane_start: Document feeder out of documents")) << err;
+    e2e::Window w = e2e::lastWindow(qt::readFile(sane.simLogPath()));
+    ASSERT_TRUE(w.bFound);
+    ASSERT_EQ(1, w.iCompression);
+
+    const int pixels = e2e::pagePixels(PHOTO_3X5, 75, 1);
+    const int lines = e2e::pageLines(PHOTO_3X5, 75, 1);
+    const std::string bands = qt::readFile(dir.file("bands"));
+    std::vector<uint8_t> decoded;
+    int bandWidth = 0;
+    ASSERT_EQ(0, wicketref::decodeStream(reinterpret_cast<const uint8_t*>(bands.data()), bands.size(),
+                                         mode == e2e::COLOR ? 3 : 1, &decoded, &bandWidth));
+    EXPECT_EQ(pixels, bandWidth);
+    const size_t pageBytes = (size_t)e2e::bytesPerLine(mode, pixels) * (size_t)lines;
+    ASSERT_EQ(pageBytes * sheets, decoded.size()) << "the device sent the bands of every sheet";
+    for (int p = 1; p <= sheets; ++p) {
+        e2e::Pnm img;
+        ASSERT_TRUE(readBatchPage(dir, p, pixels, lines, &img));
+        ASSERT_EQ(pageBytes, img.szData.size()) << "page " << p;
+        EXPECT_TRUE(memcmp(img.szData.data(), decoded.data() + pageBytes * (p - 1), pageBytes) == 0)
+            << "page " << p << " is not the reference decoding of its sheet's bands";
+    }
+    EXPECT_FALSE(qt::fileExists(dir.file("page-" + std::to_string(sheets + 1) + ".pnm")));
+    EXPECT_TRUE(qt::listDir(tmp.path()).empty()) << "left in TMPDIR: " << qt::listDir(tmp.path())[0];
+}
+
+INSTANTIATE_TEST_SUITE_P(Feeder, CompressedFeederBatch, ::testing::Values(e2e::COLOR, e2e::GRAY),
+                         [](const ::testing::TestParamInfo<e2e::Mode>& info) {
+                             return std::string(info.param == e2e::GRAY ? "Gray" : "Color");
+                         });
 
 }  // namespace

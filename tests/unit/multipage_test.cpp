@@ -224,6 +224,55 @@ TEST_F(MultiPage, TheJobDirectoryBelongsToTheTransportThatMadeIt) {
     EXPECT_EQ(0, ScanRecordDataMgr::getInstance()->getTotalPages());
 }
 
+// A cached page whose file went away (a clean-up of the temporary directory)
+// cannot be handed out, but it must not outlive its transport: the next
+// transport's job gives its own pages, not the old page's failure.
+TEST_F(MultiPage, APageFileThatVanishedDoesNotOutliveItsTransport) {
+    send({JOB_START, PAGE_START, FRAG_AB, PAGE_END, PAGE_START, FRAG_CDE, PAGE_END, COMPLETE});
+    ASSERT_EQ(0, comm->consumeScannerData());
+    const std::string jobDir = comm->getJobDirectory();
+    std::vector<std::string> files = qt::listDir(jobDir);
+    ASSERT_EQ(2u, files.size());
+    ASSERT_EQ(0, unlink((jobDir + "/" + files[0]).c_str()));
+    DataBuffer buffer;
+    ImageData image;
+    int n = 0;
+    EXPECT_EQ(15, comm->ReadImage(&n, &buffer, &image)) << "the vanished page cannot be read";
+
+    comm.reset(new IOComm());
+    char name[] = "Tarvesk/Quarto 5100/libusb:001:004";
+    comm->setDevice(name);
+    comm->setConfigReader(&store);
+    comm->setCommand(cmd.get());
+    ASSERT_EQ(0, comm->openDevice()) << "no page of the old transport is cached";
+    send({JOB_START, PAGE_START, FRAG_XY, PAGE_END, COMPLETE});
+    ASSERT_EQ(0, comm->consumeScannerData());
+    EXPECT_EQ(std::vector<std::string>{"XY"}, pages());
+}
+
+// A page that grows past what an image of the frame can take (for a small
+// frame the 42,000,000-byte floor) ends the job: it is neither kept in the
+// cache nor read back into memory, and the ended page before it stays.
+TEST_F(MultiPage, APageThatNeverEndsEndsTheJob) {
+    store.SetIntOption("PIXELS_PER_LINE", 8);
+    store.SetIntOption("LINES", 8);
+    send({JOB_START, PAGE_START, FRAG_XY, PAGE_END, PAGE_START});
+    const unsigned payload = 65533;  // the most one message carries
+    Bytes fragment = hex("1b530200ffff0000 0000");
+    fragment.resize(10 + payload, 0x11);
+    const int messages = (int)(42000000 / payload) + 1;  // the last one passes the floor
+    for (int i = 0; i < messages; ++i) send(fragment);
+    send({PAGE_END, COMPLETE});
+    EXPECT_EQ(1, comm->consumeScannerData());
+    EXPECT_EQ(2, usbsim_queued(0)) << "read on past the bound";
+    const std::vector<std::string> got = pages();
+    EXPECT_EQ(1u, got.size()) << "the page past the bound was kept";
+    if (!got.empty()) {
+        EXPECT_EQ("XY", got[0]);
+    }
+    EXPECT_TRUE(qt::listDir(comm->getJobDirectory()).empty());
+}
+
 // Commands still reach the device while pages are cached, so that the
 // session can unlock the scanner before it hands out the rest.
 TEST_F(MultiPage, CommandsAreSentWhilePagesAreCached) {

@@ -742,6 +742,23 @@ TEST_F(UsbTest, CompressedJobCollectsUntilCompleteAndHandsOutPieces) {
     EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr));
 }
 
+// A device that keeps sending without ever completing the job is read only
+// up to a bound (for a small image the initial 42,000,000-byte estimate): the
+// collection then fails instead of growing with whatever the device sends.
+TEST_F(UsbTest, CompressedJobThatNeverEndsIsCutAtABound) {
+    open326();
+    compressedImage(8, 8, 1);
+    const int chunks = 42000000 / 8192 + 2;
+    const Bytes junk(8192, 0x11);
+    for (int i = 0; i < chunks; ++i) inject(junk);
+    inject(record(1));
+    EXPECT_NE(0, comm->readAndDecompressData());
+    EXPECT_EQ(2, usbsim_queued(0)) << "read on past the bound";
+    DataBuffer out;
+    int n = 0;
+    EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr)) << "nothing to hand out";
+}
+
 // Writes Wicket entropy-coded data: Huffman codes of JPEG Annex K given as
 // bit strings, a 0x00 stuffed after every 0xFF, and two bytes of look-ahead.
 class BandWriter {
@@ -883,6 +900,12 @@ TEST_F(UsbTest, CorruptBandIsADecodingError) {
     compressedImage(16, 8, 1);
     // The band claims 4000 bytes and a width of 2^31; neither is there.
     inject({0x00, 0x00, 0x0F, 0xA0, 0x00, 0x00, 0x00, 0x08, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x32, 0x12});
+    inject(record(1));
+    EXPECT_EQ(1, comm->readAndDecompressData());
+    // Width and lines both near 2^32: their product fits in no integer, so the
+    // band is refused by its dimensions before any size is worked out.
+    inject({0x00, 0x00, 0x00, 0x20, 0xFF, 0x00, 0x00, 0x28, 0xFF, 0xFF, 0xFF, 0xF7, 0x00, 0x00, 0x00, 0x32,
+            0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0, 0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0});
     inject(record(1));
     EXPECT_EQ(1, comm->readAndDecompressData());
     // A band cut short by the end of the job has too few bits to decode.
