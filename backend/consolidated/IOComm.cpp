@@ -855,7 +855,13 @@ int IOComm::fetchMessage(unsigned char** message, unsigned int* length) {
 
 int IOComm::clearData() {
     LOG_METHOD_START();
-    for (;;) {
+    // Bounded like the consume loops, so a device that never stops sending
+    // cannot hold the front end here.
+    for (int chunk = 0;; ++chunk) {
+        if (chunk == USB_CONSUME_MAX_CHUNKS) {
+            LOG_DEBUG("[WARN] device still sending after %d chunks; stopped draining", chunk);
+            break;
+        }
         int got = USB_CHUNK_SIZE;
         int rc = Read(aChunk.data(), &got, USB_CLEAR_TIMEOUT_MS);
         if (rc != COMM_STATUS_GOOD) {

@@ -33,9 +33,11 @@ using Bytes = std::vector<unsigned char>;
 
 // ----------------------------------------------------------------------------
 // Faults the simulator cannot produce (a failing usb_close, a claim refused
-// with something other than busy) and a look at the signal mask during a bulk
-// write: these libusb calls are wrapped here and pass through unless armed.
+// with something other than busy), a device that never stops sending, and a
+// look at the signal mask during a bulk write: these libusb calls are wrapped
+// here and pass through unless armed.
 namespace {
+int g_babbleReads = 0;   // non-zero: the next bulk reads return this many full chunks of data
 int g_closeResult = 0;   // non-zero: usb_close closes, then reports this
 int g_claimResult = 0;   // non-zero: usb_claim_interface reports this
 bool g_writeSawAllBlocked = false;
@@ -46,6 +48,16 @@ F realFunction(const char* name) {
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 }  // namespace
+
+extern "C" int usb_bulk_read(usb_dev_handle* h, int ep, char* bytes, int size, int timeout) {
+    static auto real = realFunction<int (*)(usb_dev_handle*, int, char*, int, int)>("usb_bulk_read");
+    if (g_babbleReads > 0) {
+        --g_babbleReads;
+        memset(bytes, 0x55, (size_t)size);
+        return size;
+    }
+    return real(h, ep, bytes, size, timeout);
+}
 
 extern "C" int usb_close(usb_dev_handle* h) {
     static auto real = realFunction<int (*)(usb_dev_handle*)>("usb_close");
@@ -85,7 +97,7 @@ class UsbTest : public ::testing::Test {
 protected:
     void TearDown() override {
         comm.reset();
-        g_closeResult = g_claimResult = g_writesSeen = 0;
+        g_closeResult = g_claimResult = g_writesSeen = g_babbleReads = 0;
         usbsim_reset();
     }
 
@@ -1164,6 +1176,17 @@ TEST_F(UsbTest, ClearDrainsUpToTheCompletionRecord) {
     EXPECT_EQ(1, usbsim_queued(0));
     EXPECT_EQ(0, comm->clear());
     EXPECT_EQ(0, usbsim_queued(0));
+}
+
+// A device that never stops sending: the drain gives up after a bounded
+// number of chunks instead of holding the front end forever.
+TEST_F(UsbTest, ClearOfADeviceThatNeverStopsSendingIsBounded) {
+    open326();
+    const int endless = 70000;
+    g_babbleReads = endless;
+    EXPECT_EQ(0, comm->clear());
+    EXPECT_EQ(endless - 65536, g_babbleReads);
+    g_babbleReads = 0;
 }
 
 }  // namespace
