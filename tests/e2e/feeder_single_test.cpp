@@ -98,8 +98,10 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPage) {
 
 INSTANTIATE_TEST_SUITE_P(Quarto4200, FeederBatch,
                          ::testing::Values(FeederCase{e2e::LINEART, 1}, FeederCase{e2e::LINEART, 3},
-                                           FeederCase{e2e::GRAY, 1}, FeederCase{e2e::GRAY, 3},
-                                           FeederCase{e2e::COLOR, 1}, FeederCase{e2e::COLOR, 3}),
+                                           FeederCase{e2e::LINEART, 12}, FeederCase{e2e::GRAY, 1},
+                                           FeederCase{e2e::GRAY, 3}, FeederCase{e2e::GRAY, 12},
+                                           FeederCase{e2e::COLOR, 1}, FeederCase{e2e::COLOR, 3},
+                                           FeederCase{e2e::COLOR, 12}),
                          caseName);
 
 }  // namespace

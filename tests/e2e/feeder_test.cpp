@@ -93,8 +93,11 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPageThenTheFeederIsEmpty) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Feeder, FeederBatch,
-                         ::testing::Values(BatchCase{e2e::COLOR, 1}, BatchCase{e2e::LINEART, 3},
-                                           BatchCase{e2e::GRAY, 3}, BatchCase{e2e::COLOR, 12}),
+                         ::testing::Values(BatchCase{e2e::LINEART, 1}, BatchCase{e2e::LINEART, 3},
+                                           BatchCase{e2e::LINEART, 12}, BatchCase{e2e::GRAY, 1},
+                                           BatchCase{e2e::GRAY, 3}, BatchCase{e2e::GRAY, 12},
+                                           BatchCase{e2e::COLOR, 1}, BatchCase{e2e::COLOR, 3},
+                                           BatchCase{e2e::COLOR, 12}),
                          batchName);
 
 // At 75 dpi the 5100 asks for Wicket compression, and a feeder job carries
