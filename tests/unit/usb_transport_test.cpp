@@ -121,13 +121,6 @@ protected:
         return cmd.get();
     }
 
-    // A 326 device with a 326 command object, opened.
-    void open326() {
-        make(oneDevice(326));
-        command(326);
-        ASSERT_EQ(0, comm->openDevice());
-    }
-
     void options(std::initializer_list<std::pair<const char*, int>> values) {
         for (const auto& kv : values) store.SetIntOption(kv.first, kv.second);
     }
@@ -176,6 +169,16 @@ Bytes drain(DataBuffer& b) {
     b.GetProcessedData(got.data(), (int)got.size());
     return got;
 }
+
+// A 326 device with a 326 command object, opened.
+class Open326 : public UsbTest {
+protected:
+    void SetUp() override {
+        make(oneDevice(326));
+        command(326);
+        ASSERT_EQ(0, comm->openDevice());
+    }
+};
 
 // ---------------------------------------------------------------- enumeration
 
@@ -575,8 +578,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ------------------------------------------------------------ exact fetches
 
-TEST_F(UsbTest, FetchDataKeepsTheSurplusAndRereadsItsStart) {
-    open326();
+TEST_F(Open326, FetchDataKeepsTheSurplusAndRereadsItsStart) {
     inject({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
     inject({10, 11, 12, 13, 14, 15});
     Bytes out(8, 0xFF);
@@ -593,8 +595,7 @@ TEST_F(UsbTest, FetchDataKeepsTheSurplusAndRereadsItsStart) {
     EXPECT_EQ(15, comm->fetchData(1, out.data()));
 }
 
-TEST_F(UsbTest, FetchMessageAcrossChunkBoundaries) {
-    open326();
+TEST_F(Open326, FetchMessageAcrossChunkBoundaries) {
     inject({0x1B, 0x53, 0x02, 0x00, 0x03});
     inject({0x00, 0x80, 0x00, 0xAA});
     inject({0xBB, 0xCC, 0x1B, 0x53, 0x02, 0x00, 0x00, 0x00, 0x80, 0x00});
@@ -621,11 +622,10 @@ struct StreamCase {
     std::vector<int> results;  // one per ReadImage call
     Bytes image;
 };
-class ReadStream : public UsbTest, public ::testing::WithParamInterface<StreamCase> {};
+class ReadStream : public Open326, public ::testing::WithParamInterface<StreamCase> {};
 
 TEST_P(ReadStream, ReadImageStripsHeadersAndReturnsRecordCodes) {
     const StreamCase& c = GetParam();
-    open326();
     for (const Bytes& t : c.transfers) inject(t);
     DataBuffer out;
     ImageData image;
@@ -671,8 +671,7 @@ INSTANTIATE_TEST_SUITE_P(
         StreamCase{"read_failure", {}, {15}, {}}),
     [](const ::testing::TestParamInfo<StreamCase>& i) { return std::string(i.param.label); });
 
-TEST_F(UsbTest, InterleaveRecordFillsTheImageAttributes) {
-    open326();
+TEST_F(Open326, InterleaveRecordFillsTheImageAttributes) {
     inject({0x1B, 0x53, 0x02, 0x00, 0x17, 0x00, 0x00, 0x00, 0x09, 0x00, 0x01, 0x40, 0x01, 0x00, 0x00, 0xC8, 0x00,
             0x00, 0x00, 0x03, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x05, 0x00, 0x00, 0x00});
     DataBuffer out;
@@ -731,205 +730,6 @@ INSTANTIATE_TEST_SUITE_P(Versions, SimulatedScan,
 
 // ------------------------------------------------------------ compressed mode
 
-TEST_F(UsbTest, CompressedJobCollectsUntilCompleteAndHandsOutPieces) {
-    open326();
-    compressedImage(100, 70, 2);
-    inject(record(8));
-    inject(record(9));
-    inject(Bytes(16, 0));  // a band whose size field is 0 ends decoding
-    inject(record(0));
-    inject(record(7));
-    inject(record(1));
-    inject({0xEE});  // not read: collection stops at the completion record
-    ASSERT_EQ(0, comm->readAndDecompressData());
-    EXPECT_EQ(1, usbsim_queued(0));
-    DataBuffer out;
-    std::vector<int> pieces;
-    int n = 0;
-    int rc;
-    while ((rc = comm->ReadImage(&n, &out, nullptr)) == 0) pieces.push_back(n);
-    EXPECT_EQ(1, rc);
-    EXPECT_EQ((std::vector<int>{16384, 100 * 70 * 3 - 16384}), pieces);
-    EXPECT_EQ(100 * 70 * 3, out.GetRawDataSize());
-    EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr));
-}
-
-// A device that keeps sending without ever completing the job is read only
-// up to a bound (for a small image the initial 42,000,000-byte estimate): the
-// collection then fails instead of growing with whatever the device sends.
-TEST_F(UsbTest, CompressedJobThatNeverEndsIsCutAtABound) {
-    open326();
-    compressedImage(8, 8, 1);
-    const int chunks = 42000000 / 8192 + 2;
-    const Bytes junk(8192, 0x11);
-    for (int i = 0; i < chunks; ++i) inject(junk);
-    inject(record(1));
-    EXPECT_NE(0, comm->readAndDecompressData());
-    EXPECT_EQ(2, usbsim_queued(0)) << "read on past the bound";
-    DataBuffer out;
-    int n = 0;
-    EXPECT_EQ(1, comm->ReadImage(&n, &out, nullptr)) << "nothing to hand out";
-}
-
-// Writes Wicket entropy-coded data: Huffman codes of JPEG Annex K given as
-// bit strings, a 0x00 stuffed after every 0xFF, and two bytes of look-ahead.
-class BandWriter {
-public:
-    void bits(const char* code) {
-        for (const char* c = code; *c; ++c) put(*c == '1');
-    }
-    void value(int v, int size) {  // the magnitude bits of a DC difference
-        unsigned u = v >= 0 ? (unsigned)v : (unsigned)(v + (1 << size) - 1);
-        for (int i = size - 1; i >= 0; --i) put((u >> i) & 1u);
-    }
-    // One band: 16-byte big-endian header, then the coded data.
-    Bytes band(unsigned lines, unsigned width, unsigned quality) {
-        while (iBits != 0) put(true);
-        data.push_back(0);
-        data.push_back(0);
-        Bytes b;
-        for (unsigned v : {(unsigned)data.size() + 16u, lines, width, quality})
-            for (int i = 3; i >= 0; --i) b.push_back((unsigned char)(v >> (8 * i)));
-        b.insert(b.end(), data.begin(), data.end());
-        data.clear();
-        return b;
-    }
-
-private:
-    void put(bool bit) {
-        cur = (unsigned char)(cur << 1 | (bit ? 1 : 0));
-        if (++iBits == 8) {
-            data.push_back(cur);
-            if (cur == 0xFF) data.push_back(0x00);
-            cur = 0;
-            iBits = 0;
-        }
-    }
-    Bytes data;
-    unsigned char cur = 0;
-    int iBits = 0;
-};
-
-// Luminance DC codes by category (K.3) and the luminance end-of-block (K.5);
-// chrominance DC category 0 and end-of-block are both "00" (K.3, K.6).
-const char* const LUM_DC[] = {"00", "010", "011", "100", "101", "110"};
-const char LUM_EOB[] = "1010";
-
-// A block whose only coefficient is the DC difference d (category s); with
-// quality 50 the DC step is 16, so the block decodes to 128 + 2 * DC.
-void lumBlock(BandWriter& w, int d, int s) {
-    w.bits(LUM_DC[s]);
-    w.value(d, s);
-    w.bits(LUM_EOB);
-}
-
-struct BandCase {
-    const char* label;
-    int depth;
-    int pixels;
-    int lines;
-    std::vector<Bytes> bands;
-    Bytes image;
-};
-class CompressedBands : public UsbTest, public ::testing::WithParamInterface<BandCase> {};
-
-TEST_P(CompressedBands, BandsLandLineByLineInTheImage) {
-    const BandCase& c = GetParam();
-    open326();
-    compressedImage(c.pixels, c.lines, c.depth);
-    Bytes all;
-    for (const Bytes& b : c.bands) all.insert(all.end(), b.begin(), b.end());
-    // Collected in 8192-byte reads whatever the band boundaries.
-    inject(all);
-    inject(record(1));
-    ASSERT_EQ(0, comm->readAndDecompressData());
-    DataBuffer out;
-    int n = 0;
-    while (comm->ReadImage(&n, &out, nullptr) == 0) {
-    }
-    Bytes got = drain(out);
-    EXPECT_EQ(c.image, got);
-}
-
-// Grey, 20 x 12: band 1 (8 lines) blocks at DC 5, -3, 0; band 2 (4 lines)
-// blocks at DC 10, 20, 0. Rows are 24 pixels wide in the band, 20 in the image.
-BandCase greyCase() {
-    BandWriter w;
-    lumBlock(w, 5, 3);
-    lumBlock(w, -8, 4);
-    lumBlock(w, 3, 2);
-    Bytes b1 = w.band(8, 20, 50);
-    lumBlock(w, 10, 4);
-    lumBlock(w, 10, 4);
-    lumBlock(w, -20, 5);
-    Bytes b2 = w.band(4, 20, 50);
-    Bytes image;
-    for (int y = 0; y < 12; ++y)
-        for (int x = 0; x < 20; ++x) {
-            static const int top[3] = {138, 122, 128}, bottom[3] = {148, 168, 128};
-            image.push_back((unsigned char)(y < 8 ? top[x / 8] : bottom[x / 8]));
-        }
-    return BandCase{"grey_two_bands", 1, 20, 12, {b1, b2}, image};
-}
-
-// Colour, 10 x 3 in one band 16 pixels wide: Y at DC 5 then 0, Cb = Cr = 0,
-// so every pixel is grey: R = G = B = 138 left of x = 8, 128 from there.
-BandCase colourCase() {
-    BandWriter w;
-    for (int d : {5, -5}) {
-        lumBlock(w, d, 3);
-        for (int plane = 0; plane < 2; ++plane) w.bits("0000");  // chrominance DC category 0, end of block
-    }
-    Bytes image;
-    for (int i = 0; i < 3 * 10 * 3; ++i) image.push_back((i / 3) % 10 < 8 ? 138 : 128);
-    return BandCase{"colour_one_band", 2, 10, 3, {w.band(3, 10, 50)}, image};
-}
-
-// Grey, 20 x 12 from one band of 8 lines: of the image's width (decoded in
-// place) or 16 pixels wide (the rest of each line blank); the lines no band
-// reaches stay blank either way.
-BandCase shortCase(const char* label, unsigned bandWidth) {
-    BandWriter w;
-    lumBlock(w, 5, 3);
-    lumBlock(w, -8, 4);
-    if (bandWidth > 16) lumBlock(w, 3, 2);
-    Bytes image;
-    for (int y = 0; y < 12; ++y)
-        for (int x = 0; x < 20; ++x) {
-            static const int top[3] = {138, 122, 128};
-            image.push_back((unsigned char)(y >= 8 || x >= (int)bandWidth ? 0 : top[x / 8]));
-        }
-    return BandCase{label, 1, 20, 12, {w.band(8, bandWidth, 50)}, image};
-}
-
-INSTANTIATE_TEST_SUITE_P(Modes, CompressedBands,
-                         ::testing::Values(greyCase(), colourCase(), shortCase("full_width_then_nothing", 20),
-                                           shortCase("narrow_band_then_nothing", 16)),
-                         [](const ::testing::TestParamInfo<BandCase>& i) { return std::string(i.param.label); });
-
-TEST_F(UsbTest, CorruptBandIsADecodingError) {
-    open326();
-    compressedImage(16, 8, 1);
-    // The band claims 4000 bytes and a width of 2^31; neither is there.
-    inject({0x00, 0x00, 0x0F, 0xA0, 0x00, 0x00, 0x00, 0x08, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x32, 0x12});
-    inject(record(1));
-    EXPECT_EQ(1, comm->readAndDecompressData());
-    // Width and lines both near 2^32: their product fits in no integer, so the
-    // band is refused by its dimensions before any size is worked out.
-    inject({0x00, 0x00, 0x00, 0x20, 0xFF, 0x00, 0x00, 0x28, 0xFF, 0xFF, 0xFF, 0xF7, 0x00, 0x00, 0x00, 0x32,
-            0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0, 0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0});
-    inject(record(1));
-    EXPECT_EQ(1, comm->readAndDecompressData());
-    // A band cut short by the end of the job has too few bits to decode.
-    BandWriter w;
-    lumBlock(w, 5, 3);
-    Bytes band = w.band(8, 16, 50);
-    band.resize(band.size() - 3);
-    inject(band);
-    inject(record(1));
-    EXPECT_EQ(1, comm->readAndDecompressData());
-}
-
 // A page of Wicket bands made by the project's encoder (byte stuffing, as a
 // device sends them) and what the plain reference decoder makes of them.
 struct EncodedPage {
@@ -980,9 +780,9 @@ Bytes fitImage(const Bytes& image, int width, int planes, int pixels, int lines)
     return out;
 }
 
-class CompressedJob : public UsbTest {
+class CompressedJob : public Open326 {
 protected:
-    // Collects a job of these bands ended by the completion record.
+    // Collects a job of these bytes ended by the completion record.
     int collect(const Bytes& bands) {
         inject(bands);
         inject(record(1));
@@ -1004,6 +804,72 @@ protected:
     }
 };
 
+TEST_F(CompressedJob, CollectsUntilCompleteAndHandsOutPieces) {
+    compressedImage(100, 70, 2);
+    inject(record(8));
+    inject(record(9));
+    inject(Bytes(16, 0));  // a band whose size field is 0 ends decoding
+    for (unsigned char status : {0, 7, 1}) inject(record(status));
+    inject({0xEE});  // not read: collection stops at the completion record
+    ASSERT_EQ(0, comm->readAndDecompressData());
+    EXPECT_EQ(1, usbsim_queued(0));
+    Bytes got;
+    std::vector<int> pieces;
+    EXPECT_EQ(1, readOut(&got, 1000000, &pieces));
+    EXPECT_EQ((std::vector<int>{16384, 100 * 70 * 3 - 16384}), pieces);
+    EXPECT_EQ(100u * 70u * 3u, got.size());
+    EXPECT_EQ(1, readOut(&got));
+}
+
+// A device that keeps sending without ever completing the job is read only
+// up to a bound (for a small image the initial 42,000,000-byte estimate): the
+// collection then fails instead of growing with whatever the device sends.
+TEST_F(CompressedJob, JobThatNeverEndsIsCutAtABound) {
+    compressedImage(8, 8, 1);
+    const Bytes junk(8192, 0x11);
+    for (int i = 0; i < 42000000 / 8192 + 2; ++i) inject(junk);
+    inject(record(1));
+    EXPECT_NE(0, comm->readAndDecompressData());
+    EXPECT_EQ(2, usbsim_queued(0)) << "read on past the bound";
+    Bytes got;
+    EXPECT_EQ(1, readOut(&got)) << "nothing to hand out";
+}
+
+TEST_F(CompressedJob, EndsWithTheRecordOrTheReadStatus) {
+    store.SetIntOption("COMPRESSION", 1);
+    inject({1, 2, 3});
+    inject(record(5));
+    EXPECT_EQ(5, comm->readAndDecompressData());
+    inject({1, 2, 3});
+    EXPECT_EQ(15, comm->readAndDecompressData());
+    store.SetIntOption("COMPRESSION", 0);
+    inject({1, 2, 3});
+    EXPECT_EQ(0, comm->readAndDecompressData());
+    EXPECT_EQ(1, usbsim_queued(0)) << "nothing is read without compression";
+}
+
+// Bands that cannot be decoded fail the collection and leave nothing to read.
+TEST_F(CompressedJob, UndecodableBandsFailTheCollection) {
+    compressedImage(16, 8, 1);
+    Bytes cut = encodePage(16, 8, 1, 8, 1).bands;
+    cut.resize(cut.size() - 3);
+    const std::vector<Bytes> jobs = {
+        // 4000 bytes and a width of 2^31 claimed; neither is there.
+        {0x00, 0x00, 0x0F, 0xA0, 0x00, 0x00, 0x00, 0x08, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x32, 0x12},
+        // Width and lines near 2^32: refused by the dimensions before any size is worked out.
+        {0x00, 0x00, 0x00, 0x20, 0xFF, 0x00, 0x00, 0x28, 0xFF, 0xFF, 0xFF, 0xF7, 0x00, 0x00, 0x00, 0x32,
+         0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0, 0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE, 0xF0},
+        // Size 8: 8 lines of 16 pixels and no data to decode them from.
+        {0, 0, 0, 8, 0, 0, 0, 8, 0, 0, 0, 16, 0, 0, 0, 50, 0, 0, 0, 0, 0, 0, 0, 0},
+        cut};  // cut short by the end of the job
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        EXPECT_EQ(1, collect(jobs[i])) << "job " << i;
+        Bytes got;
+        EXPECT_EQ(1, readOut(&got)) << "job " << i;
+        EXPECT_TRUE(got.empty()) << "job " << i;
+    }
+}
+
 // Band width and lines as encoded, image width and lines as the options give them.
 struct PageGeometry {
     const char* label;
@@ -1019,7 +885,6 @@ class CompressedPages : public CompressedJob, public ::testing::WithParamInterfa
 TEST_P(CompressedPages, ComeOutAsTheReferenceDecodesTheBandsInPiecesOf16384AtMost) {
     const PageGeometry& c = GetParam();
     const int planes = c.depth == 2 ? 3 : 1;
-    open326();
     compressedImage(c.pixels, c.imageLines, c.depth);
     EncodedPage page = encodePage(c.width, c.lines, c.depth, c.bandLines, 1);
     ASSERT_EQ(0, collect(page.bands));
@@ -1043,11 +908,12 @@ INSTANTIATE_TEST_SUITE_P(
         PageGeometry{"colour_bands_wider_than_the_image", 2, 48, 24, 8, 41, 24},
         // The last band reaches below the image; below the last band, zeros.
         PageGeometry{"colour_more_lines_sent_than_the_image_holds", 2, 40, 24, 16, 40, 20},
-        PageGeometry{"grey_fewer_lines_sent_than_the_image_holds", 1, 40, 24, 8, 40, 30}),
+        PageGeometry{"grey_fewer_lines_sent_than_the_image_holds", 1, 40, 24, 8, 40, 30},
+        // Bands narrower than the image leave the rest of each line blank.
+        PageGeometry{"grey_bands_narrower_than_the_image", 1, 32, 16, 8, 40, 16}),
     [](const ::testing::TestParamInfo<PageGeometry>& i) { return std::string(i.param.label); });
 
 TEST_F(CompressedJob, BandThatFailsInMidPageEndsTheReadAndTheNextScanIsWhole) {
-    open326();
     compressedImage(40, 32, 2);
     EncodedPage page = encodePage(40, 32, 2, 8, 1);
     ASSERT_EQ(4u, page.bandStarts.size());
@@ -1077,7 +943,6 @@ TEST_F(CompressedJob, BandThatFailsInMidPageEndsTheReadAndTheNextScanIsWhole) {
 }
 
 TEST_F(CompressedJob, BrokenBandBelowTheImageIsReportedAfterTheImage) {
-    open326();
     compressedImage(40, 16, 1);
     EncodedPage page = encodePage(40, 24, 1, 8, 1);
     breakBand(page, 2);
@@ -1087,25 +952,12 @@ TEST_F(CompressedJob, BrokenBandBelowTheImageIsReportedAfterTheImage) {
     EXPECT_TRUE(Bytes(page.image.begin(), page.image.begin() + 16 * 40) == got);
 }
 
-TEST_F(CompressedJob, BandShorterThanItsHeaderFailsTheStart) {
-    open326();
-    compressedImage(16, 8, 1);
-    // Size 8, 8 lines of 16 pixels: no data to decode them from.
-    inject({0, 0, 0, 8, 0, 0, 0, 8, 0, 0, 0, 16, 0, 0, 0, 50, 0, 0, 0, 0, 0, 0, 0, 0});
-    inject(record(1));
-    EXPECT_EQ(1, comm->readAndDecompressData());
-    Bytes got;
-    EXPECT_EQ(1, readOut(&got));
-    EXPECT_TRUE(got.empty());
-}
-
 // A job read in part, then cut off as a session does it; the transport holds
 // nothing of it afterwards and the next job comes out whole.
 enum class Cut { Clear, Close, NewJob, FailedJob, Destroy };
 class CutJob : public CompressedJob, public ::testing::WithParamInterface<Cut> {};
 
 TEST_P(CutJob, DropsTheRestAndTheNextJobIsWhole) {
-    open326();
     compressedImage(6001, 20, 2);
     EncodedPage first = encodePage(6001, 20, 2, 8, 1);
     EncodedPage second = encodePage(6001, 20, 2, 8, 2);
@@ -1133,9 +985,7 @@ TEST_P(CutJob, DropsTheRestAndTheNextJobIsWhole) {
         break;
     case Cut::Destroy:
         comm.reset();
-        make(oneDevice(326));
-        command(326);
-        ASSERT_EQ(0, comm->openDevice());
+        SetUp();
         break;
     }
     EXPECT_TRUE(rest.empty());
@@ -1152,22 +1002,7 @@ std::string cutName(const ::testing::TestParamInfo<Cut>& i) {
 INSTANTIATE_TEST_SUITE_P(Ways, CutJob, ::testing::Values(Cut::Clear, Cut::Close, Cut::NewJob, Cut::FailedJob, Cut::Destroy),
                          cutName);
 
-TEST_F(UsbTest, CompressedJobEndsWithTheRecordOrTheReadStatus) {
-    open326();
-    store.SetIntOption("COMPRESSION", 1);
-    inject({1, 2, 3});
-    inject(record(5));
-    EXPECT_EQ(5, comm->readAndDecompressData());
-    inject({1, 2, 3});
-    EXPECT_EQ(15, comm->readAndDecompressData());
-    store.SetIntOption("COMPRESSION", 0);
-    inject({1, 2, 3});
-    EXPECT_EQ(0, comm->readAndDecompressData());
-    EXPECT_EQ(1, usbsim_queued(0)) << "nothing is read without compression";
-}
-
-TEST_F(UsbTest, ClearDrainsUpToTheCompletionRecord) {
-    open326();
+TEST_F(Open326, ClearDrainsUpToTheCompletionRecord) {
     inject(Bytes(9000, 0x55));
     inject(record(7));
     inject(record(1));
@@ -1180,8 +1015,7 @@ TEST_F(UsbTest, ClearDrainsUpToTheCompletionRecord) {
 
 // A device that never stops sending: the drain gives up after a bounded
 // number of chunks instead of holding the front end forever.
-TEST_F(UsbTest, ClearOfADeviceThatNeverStopsSendingIsBounded) {
-    open326();
+TEST_F(Open326, ClearOfADeviceThatNeverStopsSendingIsBounded) {
     const int endless = 70000;
     g_babbleReads = endless;
     EXPECT_EQ(0, comm->clear());
