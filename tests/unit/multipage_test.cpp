@@ -74,18 +74,23 @@ const char* const FRAG_CDE = "1b53020005000000 0000 434445";
 const char* const FRAG_XY = "1b53020004000000 0000 5859";
 
 
+char kName[] = "Tarvesk/Quarto 5100/libusb:001:004";
+
 class MultiPage : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(0, usbsim_load_text("bus 001\ndevice 001 004 vid=0x2f4a pid=0x0500\nversion 500\n"));
         store.SetIntOption("USB_MULTIPAGE_FLAG", 1);
         store.SetIntOption("SCAN_SOURCE", 1);
-        comm.reset(new IOComm());
-        char name[] = "Tarvesk/Quarto 5100/libusb:001:004";
-        comm->setDevice(name);
-        comm->setConfigReader(&store);
+        newTransport();
         useCommand(500);
         ASSERT_EQ(0, comm->openDevice());
+    }
+    void newTransport() {
+        comm.reset(new IOComm());
+        comm->setDevice(kName);
+        comm->setConfigReader(&store);
+        if (cmd) comm->setCommand(cmd.get());
     }
     void TearDown() override {
         g_beforeRead = nullptr;
@@ -211,11 +216,7 @@ TEST_F(MultiPage, TheJobDirectoryBelongsToTheTransportThatMadeIt) {
     EXPECT_EQ(0700u, st.st_mode & 0777u);
     EXPECT_EQ(2u, qt::listDir(jobDir).size());
 
-    {
-        IOComm bystander;
-        char name[] = "Tarvesk/Quarto 5100/libusb:001:004";
-        bystander.setDevice(name);
-    }
+    IOComm().setDevice(kName);  // a bystander
     EXPECT_EQ(2, ScanRecordDataMgr::getInstance()->getTotalPages());
     EXPECT_EQ(19, comm->openDevice());
 
@@ -239,11 +240,7 @@ TEST_F(MultiPage, APageFileThatVanishedDoesNotOutliveItsTransport) {
     int n = 0;
     EXPECT_EQ(15, comm->ReadImage(&n, &buffer, &image)) << "the vanished page cannot be read";
 
-    comm.reset(new IOComm());
-    char name[] = "Tarvesk/Quarto 5100/libusb:001:004";
-    comm->setDevice(name);
-    comm->setConfigReader(&store);
-    comm->setCommand(cmd.get());
+    newTransport();
     ASSERT_EQ(0, comm->openDevice()) << "no page of the old transport is cached";
     send({JOB_START, PAGE_START, FRAG_XY, PAGE_END, COMPLETE});
     ASSERT_EQ(0, comm->consumeScannerData());
@@ -273,19 +270,6 @@ TEST_F(MultiPage, APageThatNeverEndsEndsTheJob) {
     EXPECT_TRUE(qt::listDir(comm->getJobDirectory()).empty());
 }
 
-// Commands still reach the device while pages are cached, so that the
-// session can unlock the scanner before it hands out the rest.
-TEST_F(MultiPage, CommandsAreSentWhilePagesAreCached) {
-    send({JOB_START, PAGE_START, FRAG_AB, PAGE_END, PAGE_START, FRAG_XY, PAGE_END, COMPLETE});
-    ASSERT_EQ(0, comm->consumeScannerData());
-    const int before = usbsim_write_count(0);
-    comm->writeCommand(5, nullptr);
-    ASSERT_EQ(before + 1, usbsim_write_count(0));
-    unsigned char head[8];
-    ASSERT_EQ(8, usbsim_get_write(0, before, head, sizeof(head)));
-    EXPECT_EQ(hex("1b53060000008000"), Bytes(head, head + 8));
-}
-
 // ---------------------------------------------------------------- the progress display
 
 // The data file of the display as it is when a read is about to happen.
@@ -312,38 +296,35 @@ struct StandIn {
 const std::vector<const char*> THREE_PAGES = {JOB_START, PAGE_START, FRAG_AB, PAGE_END, PAGE_START, FRAG_CDE,
                                                PAGE_END,  PAGE_START, FRAG_XY, PAGE_END, COMPLETE};
 
-TEST_F(MultiPage, TheDisplayIsFedEachPageNumberAndEnded) {
+// With a display the window program runs and its data file gets each page
+// number, then goes with the job; without one neither is made, and the pages
+// come out all the same.
+class Display : public MultiPage, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(Display, IsFedEachPageNumberOnlyWhenThereIsOne) {
+    const bool shown = GetParam();
     StandIn window;
-    qt::ScopedEnv display("DISPLAY", ":99");
+    qt::ScopedEnv display("DISPLAY", shown ? ":99" : nullptr);
     store.SetIntOption("READ_STATUS_DISPLAY_FLAG", 1);
     store.SetStringOption("DISPLAYBINARY", window.szProgram.c_str());
     for (const char* r : THREE_PAGES) send(hex(r));
     std::string seen;
+    bool sawFile = false;
     g_beforeRead = [&] {
         std::string f = displayFile(comm->getJobDirectory());
+        sawFile = sawFile || !f.empty();
         if (!f.empty()) seen = qt::readFile(f);
     };
     ASSERT_EQ(0, comm->consumeScannerData());
     g_beforeRead = nullptr;
-    EXPECT_EQ("1\n2\n3\n", seen);
+    EXPECT_EQ(shown, sawFile);
+    EXPECT_EQ(shown ? "1\n2\n3\n" : "", seen);
     EXPECT_EQ("", displayFile(comm->getJobDirectory())) << "stop deletes the data file";
-    EXPECT_TRUE(window.ran(100));
-}
-
-TEST_F(MultiPage, NoDisplayNoWindow) {
-    StandIn window;
-    qt::ScopedEnv display("DISPLAY", nullptr);
-    store.SetIntOption("READ_STATUS_DISPLAY_FLAG", 1);
-    store.SetStringOption("DISPLAYBINARY", window.szProgram.c_str());
-    for (const char* r : THREE_PAGES) send(hex(r));
-    bool sawFile = false;
-    g_beforeRead = [&] { sawFile = sawFile || !displayFile(comm->getJobDirectory()).empty(); };
-    ASSERT_EQ(0, comm->consumeScannerData());
-    g_beforeRead = nullptr;
-    EXPECT_FALSE(sawFile);
-    EXPECT_FALSE(window.ran(3));
+    EXPECT_EQ(shown, window.ran(shown ? 100 : 3));
     EXPECT_EQ(3u, pages().size());
 }
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithout, Display, ::testing::Bool());
 
 // ---------------------------------------------------------------- the real window
 
