@@ -131,8 +131,11 @@ TEST_P(FeederBatch, OneFilePerSheetEachItsOwnPageThenTheFeederIsEmpty) {
     }
     // One job for all the sheets, or one scan each; the scanner ends unlocked and released.
     EXPECT_EQ(m.bOneJob ? 1u : (size_t)sheets, countOf(r.szLog, "scan dev=0 start")) << r.szLog;
-    const size_t unlock = r.szLog.rfind("data=1b5306"), release = r.szLog.rfind("release dev=0");
-    EXPECT_TRUE(unlock != std::string::npos && release != std::string::npos && release > unlock) << r.szLog;
+    const size_t scan = r.szLog.rfind("scan dev=0 start"), unlock = r.szLog.rfind("data=1b5306"),
+                 release = r.szLog.rfind("release dev=0");
+    EXPECT_TRUE(scan != std::string::npos && unlock != std::string::npos && release != std::string::npos &&
+                scan < unlock && unlock < release)
+        << r.szLog;
 }
 
 INSTANTIATE_TEST_SUITE_P(Feeder, FeederBatch,
