@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,7 @@ protected:
     SANE_Status setInt(int option, SANE_Int value) {
         return sane().control_option(h, option, SANE_ACTION_SET_VALUE, &value, nullptr);
     }
+    void cancelAfterThreeReads(int len);
     SANE_Handle h = nullptr;
 };
 
@@ -341,29 +343,34 @@ INSTANTIATE_TEST_SUITE_P(Env, Demon,
 
 // ---------------------------------------------------------------- cancel and faults
 
+// Starts, reads three buffers of len bytes and cancels: the cancel itself
+// only sets flags, the next read is CANCELLED with no bytes, and the session
+// has sent CANCEL and UNLOCK.
+void SessionTest::cancelAfterThreeReads(int len) {
+    ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
+    std::vector<unsigned char> buf((size_t)len);
+    SANE_Int got = 0;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(SANE_STATUS_GOOD, sane().read(h, buf.data(), len, &got));
+        ASSERT_GT(got, 0);
+    }
+    usbsim_clear_record();
+    sane().cancel(h);
+    EXPECT_EQ(0, usbsim_write_count(0));
+    got = -1;
+    EXPECT_EQ(SANE_STATUS_CANCELLED, sane().read(h, buf.data(), len, &got));
+    EXPECT_EQ(0, got);
+    EXPECT_EQ((std::vector<std::string>{st::H_CANCEL, st::H_UNLOCK}), st::writeHeaders());
+    // A front end ends every frame with a cancel, failed or not.
+    sane().cancel(h);
+}
+
 TEST_F(SessionTest, CancelInMidPageAbortsUnlocksClosesAndTheNextScanWorks) {
     Rig rig(st::Q4200, smallPage(st::Q4200));
     ASSERT_TRUE(rig.loaded);
     ASSERT_EQ(SANE_STATUS_GOOD, open());
-    SANE_Parameters p;
-    ASSERT_EQ(SANE_STATUS_GOOD, sane().get_parameters(h, &p));
-    ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
-    std::vector<unsigned char> buf(4096);
-    for (int i = 0; i < 3; ++i) {
-        SANE_Int len = 0;
-        ASSERT_EQ(SANE_STATUS_GOOD, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
-        ASSERT_GT(len, 0);
-    }
-    usbsim_clear_record();
-    sane().cancel(h);
-    EXPECT_EQ(0, usbsim_write_count(0));  // the cancel itself only sets flags
-    SANE_Int len = -1;
-    EXPECT_EQ(SANE_STATUS_CANCELLED, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
-    EXPECT_EQ(0, len);
-    EXPECT_EQ((std::vector<std::string>{st::H_CANCEL, st::H_UNLOCK}), st::writeHeaders());
+    ASSERT_NO_FATAL_FAILURE(cancelAfterThreeReads(4096));
     EXPECT_EQ(1, st::countEvents("close dev=0"));
-    // A front end ends every frame with a cancel, failed or not.
-    sane().cancel(h);
     expectFullPage();
 }
 
@@ -374,19 +381,10 @@ TEST_F(SessionTest, CancelInMidCompressedPageAndTheNextPageIsWhole) {
     Rig rig(st::Q5100, "[INTEGERS]\nCURRENTDPI=75\nCOLORDEPTH=2\nORIGINALSIZE=23\n", "wicket quality=75 band=8\n");
     ASSERT_TRUE(rig.loaded);
     ASSERT_EQ(SANE_STATUS_GOOD, open());
-    ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
-    ASSERT_NE(std::string::npos, std::string(usbsim_events()).find("compression=1")) << "not a compressed scan";
-    std::vector<unsigned char> buf(1024);
-    for (int i = 0; i < 3; ++i) {
-        SANE_Int len = 0;
-        ASSERT_EQ(SANE_STATUS_GOOD, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
-    }
-    usbsim_clear_record();
-    sane().cancel(h);
-    SANE_Int len = -1;
-    EXPECT_EQ(SANE_STATUS_CANCELLED, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
-    EXPECT_EQ((std::vector<std::string>{st::H_CANCEL, st::H_UNLOCK}), st::writeHeaders());
-    sane().cancel(h);
+    ASSERT_NO_FATAL_FAILURE(cancelAfterThreeReads(1024));
+    usbsim_window w;
+    ASSERT_EQ(0, usbsim_last_window(0, &w));
+    ASSERT_EQ(1, w.compression) << "not a compressed scan";
 
     qt::TempDir dir;
     ASSERT_EQ(0, usbsim_set_band_file(dir.file("bands").c_str()));
@@ -404,7 +402,7 @@ TEST_F(SessionTest, CancelInMidCompressedPageAndTheNextPageIsWhole) {
 }
 
 struct FaultCase {
-    const char* fault;
+    const char* fault;  // "unplug": unplugged, then plugged in again under the same numbers
     int value;
     bool afterStart;  // switched on once the scan runs (read counters)
     SANE_Status status;
@@ -417,17 +415,21 @@ class MidScanFault : public SessionTest, public ::testing::WithParamInterface<Fa
 
 TEST_P(MidScanFault, EndsTheReadWithItsStatusAndTheNextSessionScans) {
     const FaultCase& c = GetParam();
+    auto fault = [&](int value) {
+        if (strcmp(c.fault, "unplug") != 0) return usbsim_set_fault(0, c.fault, value);
+        return value < 0 ? usbsim_replug(0, "001", "004") : usbsim_unplug(0);
+    };
     Rig rig(st::Q4200, smallPage(st::Q4200));
     ASSERT_TRUE(rig.loaded);
     ASSERT_EQ(SANE_STATUS_GOOD, open());
     if (!c.afterStart) {
-        ASSERT_EQ(0, usbsim_set_fault(0, c.fault, c.value));
+        ASSERT_EQ(0, fault(c.value));
     }
     Page page;
     ASSERT_EQ(SANE_STATUS_GOOD, sane().get_parameters(h, &page.params));
     ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
     if (c.afterStart) {
-        ASSERT_EQ(0, usbsim_set_fault(0, c.fault, c.value));
+        ASSERT_EQ(0, fault(c.value));
     }
     const int mark = usbsim_write_count(0);
     st::readPage(h, 32768, page);
@@ -436,7 +438,7 @@ TEST_P(MidScanFault, EndsTheReadWithItsStatusAndTheNextSessionScans) {
     // An I/O error leaves the scanner locked; the next open releases it.
     EXPECT_EQ(c.unlocked ? std::vector<std::string>{st::H_UNLOCK} : std::vector<std::string>{}, st::writeHeaders(mark));
 
-    ASSERT_EQ(0, usbsim_set_fault(0, c.fault, -1));
+    ASSERT_EQ(0, fault(-1));
     sane().cancel(h);
     close();
     EXPECT_EQ(st::countEvents("open dev=0 bus"), st::countEvents("close dev=0"));
@@ -448,26 +450,8 @@ INSTANTIATE_TEST_SUITE_P(Faults, MidScanFault,
                          ::testing::Values(FaultCase{"jam", 40, false, SANE_STATUS_CANCELLED, true},
                                            FaultCase{"abort", 40, false, SANE_STATUS_CANCELLED, true},
                                            FaultCase{"device_abort", 40, false, SANE_STATUS_CANCELLED, true},
-                                           FaultCase{"read_timeout", 2, true, SANE_STATUS_IO_ERROR, false}));
-
-TEST_F(SessionTest, UnplugInMidScanIsAnIoErrorAndTheReplugedDeviceScans) {
-    Rig rig(st::Q4200, smallPage(st::Q4200));
-    ASSERT_TRUE(rig.loaded);
-    ASSERT_EQ(SANE_STATUS_GOOD, open());
-    ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
-    std::vector<unsigned char> buf(4096);
-    SANE_Int len = 0;
-    ASSERT_EQ(SANE_STATUS_GOOD, sane().read(h, buf.data(), (SANE_Int)buf.size(), &len));
-    ASSERT_EQ(0, usbsim_unplug(0));
-    Page page;
-    st::readPage(h, 32768, page);
-    EXPECT_EQ(SANE_STATUS_IO_ERROR, page.end);
-    sane().cancel(h);
-    close();
-    ASSERT_EQ(0, usbsim_replug(0, "001", "004"));
-    ASSERT_EQ(SANE_STATUS_GOOD, open());
-    expectFullPage();
-}
+                                           FaultCase{"read_timeout", 2, true, SANE_STATUS_IO_ERROR, false},
+                                           FaultCase{"unplug", 0, true, SANE_STATUS_IO_ERROR, false}));
 
 // ---------------------------------------------------------------- many sessions
 
