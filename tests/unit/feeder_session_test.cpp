@@ -2,7 +2,6 @@
 // pages in one job, handed out one per start. Every page is its own page of
 // the formula; descriptors stay flat; the job directory empties as the pages
 // go and is gone after close (LeakSanitizer checks the memory in the ASan tree).
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,7 +12,6 @@
 namespace {
 
 using st::sane;
-
 
 // The job directories of the backend under dir.
 std::vector<std::string> jobDirs(const std::string& dir) {

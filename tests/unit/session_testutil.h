@@ -6,7 +6,6 @@
 #ifndef QUARTO_SESSION_TESTUTIL_H
 #define QUARTO_SESSION_TESTUTIL_H
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sane/sane.h>
@@ -130,13 +129,9 @@ inline std::vector<std::string> writeHeaders(int from = 0) {
     std::vector<std::string> out;
     for (int i = from, n = usbsim_write_count(0); i < n; ++i) {
         unsigned char buf[256];
-        int len = usbsim_get_write(0, i, buf, sizeof(buf));
-        std::string hex;
-        char two[3];
-        for (int k = 0; k < len && k < 8; ++k) {
-            snprintf(two, sizeof(two), "%02x", buf[k]);
-            hex += two;
-        }
+        const int len = usbsim_get_write(0, i, buf, sizeof(buf));
+        char hex[17] = "";
+        for (int k = 0; k < len && k < 8; ++k) snprintf(hex + 2 * k, 3, "%02x", buf[k]);
         out.push_back(hex);
     }
     return out;
@@ -195,16 +190,8 @@ inline bool colourPatternMatches(const Page& page, std::string* why) {
     return true;
 }
 
-// Open descriptors of this process (the directory stream's own one not counted).
-inline int openFdCount() {
-    DIR* d = opendir("/proc/self/fd");
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (struct dirent* e = readdir(d))
-        if (e->d_name[0] != '.') ++n;
-    closedir(d);
-    return n - 1;
-}
+// Open descriptors of this process (the listing's own one included).
+inline int openFdCount() { return (int)qt::listDir("/proc/self/fd").size(); }
 
 }  // namespace st
 
