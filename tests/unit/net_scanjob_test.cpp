@@ -1,7 +1,6 @@
 // The network scan job at the transport: the command line the scan program
 // gets, values refused before anything runs, and the pages the program leaves
-// as ReadImage hands them out, and the same job through the entry points of the
-// built library. A shell script stands in for the program: it
+// as ReadImage hands them out. A shell script stands in for the program: it
 // records its arguments and copies prepared pages to where --filename points.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,7 +20,6 @@
 #include "NetComm.h"
 #include "WicketEncoder.h"
 #include "netjob.h"
-#include "session_testutil.h"
 #include "testutil.h"
 
 namespace {
@@ -521,70 +519,4 @@ TEST_F(NetJob, LinkOfSomebodyElseAboveTheDirectoryIsRefused) {
     EXPECT_TRUE(pattern(2, 8, 8) == readAll(net));
     EXPECT_EQ(0, net.closeDevice());
     EXPECT_FALSE(exists(victim + "/job"));
-}
-
-// ------------------------------------------------------------ session level
-
-// The job through the entry points of the built library: a page at hand skips
-// the device exchanges of a USB scan, and each way a network job can fail has
-// its status; the end of a feeder job is "no more documents".
-TEST_F(NetJob, SessionScansAndReportsEachFailure) {
-    qt::writeFile(dir.file("quarto.conf"), "net 0xffff 0xffff " + dir.file("net.conf") +
-                                               " Network_Scanner\nDISCOVER_USB_FLAG=0\nDISCOVER_NET_FLAG=0\n");
-    qt::writeFile(dir.file("net.conf"), qt::readFile(qt::sourceDir() + "/etc/models/quartonet.conf") +
-                                            "\n[STRINGS]\nTEMPDIRECTORY=" + job + "\nBINARY=" + dir.file("quillrun") +
-                                            "\n");
-    qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
-    const st::Sane& sane = st::sane();
-    ASSERT_TRUE(sane.ok);
-    SANE_Handle h = nullptr;
-    ASSERT_EQ(SANE_STATUS_GOOD, sane.open("libnet/SPECIFY_DEVICE", &h));
-    auto setText = [&](int option, const char* text) {
-        char value[64];
-        snprintf(value, sizeof(value), "%s", text);
-        return sane.control_option(h, option, SANE_ACTION_SET_VALUE, value, nullptr);
-    };
-    auto scan = [&](st::Page& page) {
-        SANE_Status s = sane.start(h);
-        if (s == SANE_STATUS_GOOD) {
-            sane.get_parameters(h, &page.params);
-            st::readPage(h, 5000, page);
-        }
-        return s;
-    };
-    const int OPT_IP = 2, OPT_MODE = 10;
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.10"));
-    put("Defaultscan.pxm", zlibPage(2, 300, 40, 30, pattern(2, 40, 30)));
-    st::Page page;
-    ASSERT_EQ(SANE_STATUS_GOOD, scan(page));
-    EXPECT_EQ(SANE_FRAME_RGB, page.params.format);
-    EXPECT_EQ(40, page.params.pixels_per_line);
-    EXPECT_EQ(30, page.params.lines);
-    EXPECT_EQ(120, page.params.bytes_per_line);
-    EXPECT_EQ(SANE_STATUS_EOF, page.end);
-    EXPECT_TRUE(pattern(2, 40, 30) == page.data);
-
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.1;id"));
-    EXPECT_EQ(SANE_STATUS_INVAL, sane.start(h));
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.10"));
-    {
-        qt::ScopedEnv fail("QUARTO_TEST_EXIT", "1");
-        EXPECT_EQ(SANE_STATUS_CANCELLED, sane.start(h));
-    }
-    put("Defaultscan.pxm", "P6\n#QVTRES=300\n40 30\n255\nnot zlib");
-    EXPECT_EQ(SANE_STATUS_IO_ERROR, sane.start(h));
-
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(st::OPT_SOURCE, "Multiple Pages"));
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_MODE, "8-bit Grayscale"));
-    for (int p = 0; p < 2; ++p)
-        put(p ? "Defaultscan.pxm.1" : "Defaultscan.pxm", zlibPage(1, 300, 24, 10, pattern(1, 24, 10, p + 1)));
-    for (int p = 0; p < 2; ++p) {
-        st::Page feeder;
-        ASSERT_EQ(SANE_STATUS_GOOD, scan(feeder)) << p;
-        EXPECT_EQ(24, feeder.params.bytes_per_line);
-        EXPECT_TRUE(pattern(1, 24, 10, p + 1) == feeder.data) << p;
-    }
-    EXPECT_EQ(SANE_STATUS_NO_DOCS, sane.start(h));
-    EXPECT_FALSE(exists(job));
-    sane.close(h);
 }
