@@ -2,25 +2,23 @@
 // records within their length, the manufacturer filter, the device list and
 // address map, and the collection over real sockets inside a network namespace
 // of this test's own (loopback only; skipped where no namespace can be made).
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "NetComm.h"
 #include "SaneConfReader.h"
+#include "netlab.h"
 #include "netns.h"
 #include "testutil.h"
 
@@ -308,64 +306,39 @@ TEST(NetList, NamesEveryDeviceInOrderAfterThePlaceholderAndMapsItsAddress) {
 
 namespace {
 
-// A simulated network in this process's namespace: a socket on port 5353 that
-// answers every query it receives with the given replies, broadcast back.
+// The simulated network scanner (sim/net) in this process's namespace,
+// answering each query with the replies of a scenario.
 class Responder {
 public:
-    explicit Responder(std::vector<Bytes> replies, int lateMs = -1) : vReplies(std::move(replies)) {
-        fd = socket(AF_INET, SOCK_DGRAM, 0);
-        int on = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        timeval tv = {0, 100000};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(5353);
-        bOk = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
-        thread = std::thread([this, lateMs] { run(lateMs); });
+    explicit Responder(const std::string& scenario) {
+        qt::writeFile(dir.file("net.scn"), scenario);
+        pid = qt::startNetsim({}, dir.file("net.scn"), dir.file("netsim.log"), &why);
     }
     ~Responder() {
-        bStop = true;
-        thread.join();
-        close(fd);
-    }
-    bool ok() const { return bOk; }
-    int queries() const { return iQueries; }
-
-private:
-    void send(const Bytes& b) {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(5353);
-        to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-        sendto(fd, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-    }
-    void run(int lateMs) {
-        while (!bStop) {
-            unsigned char buf[1024];
-            ssize_t n = recv(fd, buf, sizeof(buf), 0);
-            if (n != 41 || (buf[2] & 0x80) != 0) continue;  // not a query
-            ++iQueries;
-            for (const Bytes& b : vReplies) send(b);
-            // One more copy of the first reply later on, while the collection still runs.
-            if (lateMs >= 0) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(lateMs));
-                send(vReplies.front());
-            }
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            qt::waitProgram(pid, 2);
         }
     }
+    bool ok() const { return pid > 0; }
+    // The queries it received from port 5353 with exactly the query's bytes.
+    int queries() const {
+        const std::string log = qt::readFile(dir.file("netsim.log"));
+        int n = 0;
+        for (size_t at = 0; (at = log.find(":5353 len=41 query=1 ", at)) != std::string::npos; ++at) ++n;
+        return n;
+    }
 
-    std::vector<Bytes> vReplies;
-    int fd = -1;
-    bool bOk = false;
-    std::atomic<bool> bStop{false};
-    std::atomic<int> iQueries{0};
-    std::thread thread;
+    qt::TempDir dir;
+    pid_t pid = -1;
+    std::string why;
 };
 
-std::vector<std::string> deviceEntries(const char* ip, const char* mac, const std::string& model) {
-    return {std::string("IPADDRESS ") + ip, std::string("MACUAA ") + mac, "1284STRID " + model};
+// A reply of the scenario for a device, with extra statements, sent delayMs after the one before.
+std::string device(const char* ip, const char* mac, const std::string& model, const char* extra = "",
+                   int delayMs = 0) {
+    return "reply delay=" + std::to_string(delayMs) + "\n  txt IPADDRESS " + ip + "\n  txt MACUAA " + mac +
+           "\n  txt 1284STRID " + model + "\n" + extra;
 }
 
 }  // namespace
@@ -398,13 +371,15 @@ protected:
 // Replies of every kind, in one collection that lasts 5 seconds in all, even
 // though a reply arrives 3 seconds in (the remaining time carries over).
 TEST_F(NetSockets, CollectsTheAcceptedDevicesInReplyOrderWithinFiveSeconds) {
-    Bytes first = reply(deviceEntries("192.0.2.10", "0080C0FF1234", MODEL_5100));
-    Bytes second = reply(deviceEntries("192.0.2.11", "800000000000", "MFG:Tarvesk;MDL:Quarto 4200 Ethernet;"));
-    Responder responder({first, reply(deviceEntries("192.0.2.12", "100000000000", "MFG:Ostrevin;MDL:O Ethernet;")),
-                         reply(deviceEntries("192.0.2.13", "200000000000", "MFG:Tarvesk;MDL:Quarto 4010 USB;")),
-                         cut(second, 60), withByte(second, 2, 0), second},
-                        3000);
-    ASSERT_TRUE(responder.ok());
+    const std::string model4200 = "MFG:Tarvesk;MDL:Quarto 4200 Ethernet;";
+    Responder responder(device("192.0.2.10", "0080C0FF1234", MODEL_5100) +
+                        device("192.0.2.12", "100000000000", "MFG:Ostrevin;MDL:O Ethernet;") +
+                        device("192.0.2.13", "200000000000", "MFG:Tarvesk;MDL:Quarto 4010 USB;") +
+                        device("192.0.2.11", "800000000000", model4200, "  truncate 56\n") +  // inside the TXT data
+                        device("192.0.2.11", "800000000000", model4200, "  flags 0\n") +      // a query
+                        device("192.0.2.11", "800000000000", model4200) +
+                        device("192.0.2.10", "0080C0FF1234", MODEL_5100, "", 3000));
+    ASSERT_TRUE(responder.ok()) << responder.why;
     NetComm net;
     auto start = std::chrono::steady_clock::now();
     const std::vector<std::string> names = collect(net, 0);
@@ -429,8 +404,8 @@ TEST_F(NetSockets, CollectsTheAcceptedDevicesInReplyOrderWithinFiveSeconds) {
 // above 1024) gets a discovery socket numbered past what an fd_set holds: the
 // collection must still wait on it without writing past any set.
 TEST_F(NetSockets, CollectsOnASocketNumberedPastTheSelectLimit) {
-    Responder responder({reply(deviceEntries("192.0.2.10", "0080C0FF1234", MODEL_5100))});
-    ASSERT_TRUE(responder.ok());
+    Responder responder(device("192.0.2.10", "0080C0FF1234", MODEL_5100));
+    ASSERT_TRUE(responder.ok()) << responder.why;
     const int high = FD_SETSIZE + 16;
     struct rlimit limit;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
@@ -453,9 +428,9 @@ TEST_F(NetSockets, CollectsOnASocketNumberedPastTheSelectLimit) {
 // A device name nobody listed in this process is looked up by one query; the
 // first reply whose MAC occurs in the name gives the address at once.
 TEST_F(NetSockets, SetDeviceLooksAnUnknownNameUp) {
-    Responder responder({reply(deviceEntries("192.0.2.20", "300000000000", MODEL_5100)),
-                         reply(deviceEntries("192.0.2.21", "0080C0FF1234", MODEL_5100))});
-    ASSERT_TRUE(responder.ok());
+    Responder responder(device("192.0.2.20", "300000000000", MODEL_5100) +
+                        device("192.0.2.21", "0080C0FF1234", MODEL_5100));
+    ASSERT_TRUE(responder.ok()) << responder.why;
     NetComm net;
     char name[] = "libnet:000103FF482C";
     auto start = std::chrono::steady_clock::now();
