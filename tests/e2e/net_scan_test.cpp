@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "net_e2e.h"
@@ -24,38 +25,22 @@ const char USER[] = "alice";
 // Option settings per mode, and the values they put on the command line.
 struct Preset {
     std::vector<std::string> vArgs;
-    void (*apply)(NetArgs*);
+    std::vector<std::pair<int NetArgs::*, int>> vValues;
 };
 
 const Preset COLOR_PRESET = {{"--brightness", "7", "--contrast", "4", "--orientation", "Landscape",
                               "--mirrorimage=yes", "--bkgremoval", "-2", "--original-size", "Letter"},
-                             [](NetArgs* a) {
-                                 a->iBrightness = 7;
-                                 a->iContrast = 4;
-                                 a->iOrientation = 1;
-                                 a->iMirror = 1;
-                                 a->iBkg = -2;
-                                 a->iSize = 0;
-                             }};
+                             {{&NetArgs::iBrightness, 7}, {&NetArgs::iContrast, 4}, {&NetArgs::iOrientation, 1},
+                              {&NetArgs::iMirror, 1}, {&NetArgs::iBkg, -2}, {&NetArgs::iSize, 0}}};
 // "3.5x5 in" is entry 14 of the list and size 27 of the scan settings;
 // "Auto/Other" is entry 9 and document source 10.
 const Preset GRAY_PRESET = {{"--colordropout", "Green", "--colordropoutthreshold", "100", "--content-source",
                              "Auto/Other", "--original-size", "3.5x5 in", "--content-type", "Photo"},
-                            [](NetArgs* a) {
-                                a->iDropout = 2;
-                                a->iThreshold = 100;
-                                a->iDocSource = 10;
-                                a->iSize = 27;
-                                a->iContent = 2;
-                            }};
-const Preset LINEART_PRESET = {{"--negativeimage=yes", "--original-size", "Business Card", "--scan-now=no",
-                                "--content-type", "Text"},
-                               [](NetArgs* a) {
-                                   a->iNegative = 1;
-                                   a->iSize = 14;
-                                   a->iStartNow = 0;
-                                   a->iContent = 0;
-                               }};
+                            {{&NetArgs::iDropout, 2}, {&NetArgs::iThreshold, 100}, {&NetArgs::iDocSource, 10},
+                             {&NetArgs::iSize, 27}, {&NetArgs::iContent, 2}}};
+const Preset LINEART_PRESET = {
+    {"--negativeimage=yes", "--original-size", "Business Card", "--scan-now=no", "--content-type", "Text"},
+    {{&NetArgs::iNegative, 1}, {&NetArgs::iSize, 14}, {&NetArgs::iStartNow, 0}, {&NetArgs::iContent, 0}}};
 
 const Preset& presetFor(NetMode m) {
     return m == qt::NET_COLOR ? COLOR_PRESET : m == qt::NET_GRAY ? GRAY_PRESET : LINEART_PRESET;
@@ -81,7 +66,7 @@ NetArgs expectedArgs(const e2e::NetRig& rig, NetMode mode, int dpi, const std::s
     a.szProfile = PROFILE;
     a.iMode = mode;
     a.iDpi = dpi;
-    presetFor(mode).apply(&a);
+    for (const auto& v : presetFor(mode).vValues) a.*v.first = v.second;
     return a;
 }
 
