@@ -11,7 +11,7 @@
 
 namespace {
 
-// The query as the discovery part's table gives it.
+// The discovery query, byte for byte.
 const char QUERY_HEX[] =
     "0000000000010000000000000c5f686f73742d636f6e666967045f756470056c6f63616c0000210001";
 
