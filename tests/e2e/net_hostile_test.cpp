@@ -1,8 +1,7 @@
 // Hostile values on the way to the scan program's command line: an address,
 // user name, profile name or scan directory holding shell syntax never runs a
-// command (the injected command would create the file "m" in the working
-// directory of the front end, which is the test's own) and never makes the
-// backend touch a file outside the scan directory.
+// command (one would create the file "m" in the front end's working
+// directory, the test's own) nor touches a file outside the scan directory.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -45,55 +44,47 @@ void expectRefusedWithoutCommand(const e2e::NetRig& rig, const std::vector<std::
 struct Hostile {
     const char* szName;
     std::vector<std::string> vArgs;
+    const char* szFeature;  // a [STRINGS] line of the feature file
 };
 
 void PrintTo(const Hostile& h, std::ostream* os) { *os << h.szName; }
 
-class NetHostileOption : public ::testing::TestWithParam<Hostile> {};
+class NetHostile : public ::testing::TestWithParam<Hostile> {};
 
 // Addresses that are not dotted IPv4 are refused at scan time; user and
-// profile names other than letters, digits and "_" when they are set.
-TEST_P(NetHostileOption, RefusedAndNothingRuns) {
-    e2e::NetRig rig(qt::NetLab::ISOLATED, e2e::netSwitches(false));
+// profile names other than letters, digits and "_" when they are set, or,
+// given by the feature file, when the scan starts.
+TEST_P(NetHostile, RefusedAndNothingRuns) {
+    const Hostile& h = GetParam();
+    const std::string feature = *h.szFeature ? std::string("\n[STRINGS]\n") + h.szFeature + "\n" : "";
+    e2e::NetRig rig(qt::NetLab::ISOLATED, e2e::netSwitches(false), feature);
     NET_RIG_OR_SKIP(rig);
-    std::vector<std::string> extra = GetParam().vArgs;
-    if (extra[0] != "--ip-address") extra.insert(extra.end(), {"--ip-address", "192.0.2.2"});
+    std::vector<std::string> extra = h.vArgs;
+    if (extra.empty() || extra[0] != "--ip-address") extra.insert(extra.end(), {"--ip-address", "192.0.2.2"});
     expectRefusedWithoutCommand(rig, grayScan(e2e::PLACEHOLDER, extra));
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Values, NetHostileOption,
-    ::testing::Values(Hostile{"AddressSemicolon", {"--ip-address", "192.0.2.2;touch m"}},
-                      Hostile{"AddressSubstitution", {"--ip-address", "$(touch m)"}},
-                      Hostile{"AddressBackquotes", {"--ip-address", "`touch m`"}},
-                      Hostile{"AddressQuotes", {"--ip-address", "192.0.2.2' ;touch 'm"}},
-                      Hostile{"AddressNewline", {"--ip-address", "192.0.2.2\ntouch m"}},
-                      Hostile{"AddressAnd", {"--ip-address", "192.0.2.2 && touch m"}},
-                      Hostile{"AddressIpv6", {"--ip-address", "::1"}},
-                      Hostile{"AddressOutOfRange", {"--ip-address", "192.0.2.256"}},
-                      Hostile{"AddressEmpty", {"--ip-address", ""}},
-                      Hostile{"UserSemicolon", {"--user-name", "a;touch m"}},
-                      Hostile{"UserBlank", {"--user-name", "x y"}},
-                      Hostile{"ProfileDotDot", {"--profile-name", "../m"}},
-                      Hostile{"ProfileSubstitution", {"--profile-name", "$(touch m)"}},
-                      Hostile{"ProfileQuote", {"--profile-name", "a'b"}},
-                      Hostile{"ProfileNewline", {"--profile-name", "a\ntouch m"}}),
+    Values, NetHostile,
+    ::testing::Values(Hostile{"AddressSemicolon", {"--ip-address", "192.0.2.2;touch m"}, ""},
+                      Hostile{"AddressSubstitution", {"--ip-address", "$(touch m)"}, ""},
+                      Hostile{"AddressBackquotes", {"--ip-address", "`touch m`"}, ""},
+                      Hostile{"AddressQuotes", {"--ip-address", "192.0.2.2' ;touch 'm"}, ""},
+                      Hostile{"AddressNewline", {"--ip-address", "192.0.2.2\ntouch m"}, ""},
+                      Hostile{"AddressAnd", {"--ip-address", "192.0.2.2 && touch m"}, ""},
+                      Hostile{"AddressIpv6", {"--ip-address", "::1"}, ""},
+                      Hostile{"AddressOutOfRange", {"--ip-address", "192.0.2.256"}, ""},
+                      Hostile{"AddressEmpty", {"--ip-address", ""}, ""},
+                      Hostile{"UserSemicolon", {"--user-name", "a;touch m"}, ""},
+                      Hostile{"UserBlank", {"--user-name", "x y"}, ""},
+                      Hostile{"ProfileDotDot", {"--profile-name", "../m"}, ""},
+                      Hostile{"ProfileSubstitution", {"--profile-name", "$(touch m)"}, ""},
+                      Hostile{"ProfileQuote", {"--profile-name", "a'b"}, ""},
+                      Hostile{"ProfileNewline", {"--profile-name", "a\ntouch m"}, ""},
+                      Hostile{"FeatureProfile", {}, "PROFILENAME=x;touch m"},
+                      Hostile{"FeatureProfilePath", {}, "PROFILENAME=../../m"},
+                      Hostile{"FeatureUser", {}, "USERNAME=$(touch m)"}),
     [](const ::testing::TestParamInfo<Hostile>& info) { return std::string(info.param.szName); });
-
-class NetHostileFeature : public ::testing::TestWithParam<Hostile> {};
-
-// The same names given by the feature file are refused when the scan starts.
-TEST_P(NetHostileFeature, RefusedAtStartAndNothingRuns) {
-    e2e::NetRig rig(qt::NetLab::ISOLATED, e2e::netSwitches(false), "\n[STRINGS]\n" + GetParam().vArgs[0] + "\n");
-    NET_RIG_OR_SKIP(rig);
-    expectRefusedWithoutCommand(rig, grayScan(e2e::PLACEHOLDER, {"--ip-address", "192.0.2.2"}));
-}
-
-INSTANTIATE_TEST_SUITE_P(Values, NetHostileFeature,
-                         ::testing::Values(Hostile{"Profile", {"PROFILENAME=x;touch m"}},
-                                           Hostile{"ProfilePath", {"PROFILENAME=../../m"}},
-                                           Hostile{"User", {"USERNAME=$(touch m)"}}),
-                         [](const ::testing::TestParamInfo<Hostile>& info) { return std::string(info.param.szName); });
 
 // A scan directory whose name holds shell syntax works as any other: the
 // program gets the exact page path, and nothing runs or appears elsewhere.
@@ -111,18 +102,6 @@ TEST(NetHostileScanDir, QuotedNotInterpreted) {
     EXPECT_FALSE(qt::fileExists(rig.dir.file(MARKER))) << "an injected command ran";
     EXPECT_EQ(before, withoutRecord(rig));
     e2e::expectFrame(out, err, qt::netPage(qt::NET_GRAY, 16, 4));
-}
-
-// A reply whose address holds shell syntax lists a device that cannot be
-// scanned: the address is refused when the scan starts.
-TEST(NetHostileReply, AddressRefusedAtScanTime) {
-    e2e::NetRig rig(qt::NetLab::WITH_DEVICE_HOST, e2e::netSwitches(true));
-    NET_RIG_OR_SKIP(rig);
-    qt::writeFile(rig.dir.file("net.scn"),
-                  "reply\n  txt IPADDRESS 192.0.2.9;touch m\n  txt MACUAA 0080C2A1B3F4\n"
-                  "  txt 1284STRID MFG:Tarvesk;MDL:Quarto 5100 Ethernet;\n");
-    ASSERT_TRUE(rig.lab.startResponder(rig.dir.file("net.scn"), rig.dir.file("netsim.log"))) << rig.lab.whyNot();
-    expectRefusedWithoutCommand(rig, grayScan("quarto:libnet/00014385CD2F", {}));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "net_e2e.h"
@@ -24,38 +25,22 @@ const char USER[] = "alice";
 // Option settings per mode, and the values they put on the command line.
 struct Preset {
     std::vector<std::string> vArgs;
-    void (*apply)(NetArgs*);
+    std::vector<std::pair<int NetArgs::*, int>> vValues;
 };
 
 const Preset COLOR_PRESET = {{"--brightness", "7", "--contrast", "4", "--orientation", "Landscape",
                               "--mirrorimage=yes", "--bkgremoval", "-2", "--original-size", "Letter"},
-                             [](NetArgs* a) {
-                                 a->iBrightness = 7;
-                                 a->iContrast = 4;
-                                 a->iOrientation = 1;
-                                 a->iMirror = 1;
-                                 a->iBkg = -2;
-                                 a->iSize = 0;
-                             }};
+                             {{&NetArgs::iBrightness, 7}, {&NetArgs::iContrast, 4}, {&NetArgs::iOrientation, 1},
+                              {&NetArgs::iMirror, 1}, {&NetArgs::iBkg, -2}, {&NetArgs::iSize, 0}}};
 // "3.5x5 in" is entry 14 of the list and size 27 of the scan settings;
 // "Auto/Other" is entry 9 and document source 10.
 const Preset GRAY_PRESET = {{"--colordropout", "Green", "--colordropoutthreshold", "100", "--content-source",
                              "Auto/Other", "--original-size", "3.5x5 in", "--content-type", "Photo"},
-                            [](NetArgs* a) {
-                                a->iDropout = 2;
-                                a->iThreshold = 100;
-                                a->iDocSource = 10;
-                                a->iSize = 27;
-                                a->iContent = 2;
-                            }};
-const Preset LINEART_PRESET = {{"--negativeimage=yes", "--original-size", "Business Card", "--scan-now=no",
-                                "--content-type", "Text"},
-                               [](NetArgs* a) {
-                                   a->iNegative = 1;
-                                   a->iSize = 14;
-                                   a->iStartNow = 0;
-                                   a->iContent = 0;
-                               }};
+                            {{&NetArgs::iDropout, 2}, {&NetArgs::iThreshold, 100}, {&NetArgs::iDocSource, 10},
+                             {&NetArgs::iSize, 27}, {&NetArgs::iContent, 2}}};
+const Preset LINEART_PRESET = {
+    {"--negativeimage=yes", "--original-size", "Business Card", "--scan-now=no", "--content-type", "Text"},
+    {{&NetArgs::iNegative, 1}, {&NetArgs::iSize, 14}, {&NetArgs::iStartNow, 0}, {&NetArgs::iContent, 0}}};
 
 const Preset& presetFor(NetMode m) {
     return m == qt::NET_COLOR ? COLOR_PRESET : m == qt::NET_GRAY ? GRAY_PRESET : LINEART_PRESET;
@@ -81,21 +66,27 @@ NetArgs expectedArgs(const e2e::NetRig& rig, NetMode mode, int dpi, const std::s
     a.szProfile = PROFILE;
     a.iMode = mode;
     a.iDpi = dpi;
-    presetFor(mode).apply(&a);
+    for (const auto& v : presetFor(mode).vValues) a.*v.first = v.second;
     return a;
 }
 
 struct PageCase {
     const char* szName;
     NetMode eMode;
-    int iDpi;      // requested
+    int iDpi;  // requested
     int iWidth, iHeight, iFileDpi, iRotate, iFamily;
+    // A job of several pages: what makes it one, the command line's
+    // --scan-both-sides and --original-size (-1: the preset's), extra job statements.
+    int iPages = 1;
+    std::vector<std::string> vTrigger = {};
+    int iBoth = 0, iSize = -1;
+    const char* szFaults = "";
 };
 
-std::string jobText(const PageCase& c, int pages = 1) {
+std::string jobText(const PageCase& c) {
     return "width " + std::to_string(c.iWidth) + "\nheight " + std::to_string(c.iHeight) + "\ndpi " +
            std::to_string(c.iFileDpi) + "\nrotate " + std::to_string(c.iRotate) + "\nfamily " +
-           std::to_string(c.iFamily) + "\npages " + std::to_string(pages) + "\n";
+           std::to_string(c.iFamily) + "\npages " + std::to_string(c.iPages) + "\n" + c.szFaults;
 }
 
 // Page p as the front end must receive it: Wicket bands for families 14 and 15
@@ -114,19 +105,35 @@ void PrintTo(const PageCase& c, std::ostream* os) { *os << c.szName; }
 
 class NetPageScan : public ::testing::TestWithParam<PageCase> {};
 
-TEST_P(NetPageScan, ProgramGetsTheCommandLineFrontEndGetsThePage) {
+// A single page goes to standard output; the pages of a job go to numbered
+// files, from one run of the program, in order.
+TEST_P(NetPageScan, ProgramGetsTheCommandLineFrontEndGetsThePages) {
     const PageCase& c = GetParam();
     e2e::NetRig rig(qt::NetLab::ISOLATED, e2e::netSwitches(false));
     NET_RIG_OR_SKIP(rig);
     rig.dir.setJob(jobText(c));
+    std::vector<std::string> args = scanArgs(e2e::PLACEHOLDER, c.eMode, c.iDpi);
+    args.insert(args.end(), c.vTrigger.begin(), c.vTrigger.end());
+    if (c.iPages > 1)
+        args.insert(args.end(), {"--batch=" + rig.dir.file("page%d.pnm"), "--batch-count=" + std::to_string(c.iPages)});
     std::string out, err;
-    ASSERT_EQ(0, rig.scanimage(scanArgs(e2e::PLACEHOLDER, c.eMode, c.iDpi), &out, &err)) << err;
-    EXPECT_EQ(expectedArgs(rig, c.eMode, c.iDpi).argv(), rig.onlyRun());
-    e2e::expectFrame(out, err, expectedPage(c));
+    ASSERT_EQ(0, rig.scanimage(args, &out, &err)) << err;
+    NetArgs a = expectedArgs(rig, c.eMode, c.iDpi);
+    a.iBoth = c.iBoth;
+    if (c.iSize >= 0) a.iSize = c.iSize;
+    EXPECT_EQ(a.argv(), rig.onlyRun());
+    if (c.iPages == 1) return e2e::expectFrame(out, err, expectedPage(c));
+    for (int p = 1; p <= c.iPages; ++p) {
+        SCOPED_TRACE("page " + std::to_string(p));
+        e2e::expectImage(qt::readFile(rig.dir.file("page" + std::to_string(p) + ".pnm")), expectedPage(c, p));
+    }
 }
 
 // Odd sizes where an off-by-one would show; the file resolution below the
-// requested one forces interpolation (grey and colour only).
+// requested one forces interpolation (grey and colour only). "Book Original"
+// is entry 27 of the list and size 15 of the scan settings, which the scan
+// program treats as a job of several pages. A page without a side file keeps
+// the first page's values (here the rotation).
 INSTANTIATE_TEST_SUITE_P(
     Pages, NetPageScan,
     ::testing::Values(PageCase{"LineArt", qt::NET_LINEART, 300, 200, 40, 300, 0, 0},
@@ -143,57 +150,13 @@ INSTANTIATE_TEST_SUITE_P(
                       PageCase{"ColorWicketFamily14", qt::NET_COLOR, 1200, 64, 40, 1200, 0, 14},
                       PageCase{"GrayWicketFamily15", qt::NET_GRAY, 1200, 96, 48, 1200, 0, 15},
                       // compression 6 on the command line, but a zlib page for another family
-                      PageCase{"Color1200OtherFamilyZlib", qt::NET_COLOR, 1200, 64, 16, 1200, 0, 31}),
+                      PageCase{"Color1200OtherFamilyZlib", qt::NET_COLOR, 1200, 64, 16, 1200, 0, 31},
+                      PageCase{"DuplexGray", qt::NET_GRAY, 300, 40, 16, 300, 0, 0, 2, {"--scan-both-sides=yes"}, 1},
+                      PageCase{"FeederColorRotated180SecondPageWithoutSideFile", qt::NET_COLOR, 300, 23, 10, 300,
+                               180, 0, 3, {"--source", "Multiple Pages"}, 0, -1, "no_side 2\n"},
+                      PageCase{"BookOriginalGrayInterpolated", qt::NET_GRAY, 300, 30, 12, 150, 0, 0, 2,
+                               {"--original-size", "Book Original"}, 0, 15}),
     [](const ::testing::TestParamInfo<PageCase>& info) { return std::string(info.param.szName); });
-
-// ---- jobs of several pages: the program runs once, the pages come in order ----
-
-struct JobCase {
-    const char* szName;
-    std::vector<std::string> vTrigger;  // what makes the job one of several pages
-    int iBoth, iSize;                   // the command line's --scan-both-sides and --original-size
-    PageCase page;
-    int iPages;
-    const char* szFaults;  // extra job statements
-};
-
-void PrintTo(const JobCase& c, std::ostream* os) { *os << c.szName; }
-
-class NetJobScan : public ::testing::TestWithParam<JobCase> {};
-
-TEST_P(NetJobScan, NumberedPagesInOrderFromOneRun) {
-    const JobCase& c = GetParam();
-    e2e::NetRig rig(qt::NetLab::ISOLATED, e2e::netSwitches(false));
-    NET_RIG_OR_SKIP(rig);
-    rig.dir.setJob(jobText(c.page, c.iPages) + c.szFaults);
-    std::vector<std::string> args = scanArgs(e2e::PLACEHOLDER, c.page.eMode, c.page.iDpi);
-    args.insert(args.end(), c.vTrigger.begin(), c.vTrigger.end());
-    args.insert(args.end(), {"--batch=" + rig.dir.file("page%d.pnm"), "--batch-count=" + std::to_string(c.iPages)});
-    std::string out, err;
-    ASSERT_EQ(0, rig.scanimage(args, &out, &err)) << err;
-
-    NetArgs a = expectedArgs(rig, c.page.eMode, c.page.iDpi);
-    a.iBoth = c.iBoth;
-    if (c.iSize >= 0) a.iSize = c.iSize;
-    EXPECT_EQ(a.argv(), rig.onlyRun());
-    for (int p = 1; p <= c.iPages; ++p) {
-        SCOPED_TRACE("page " + std::to_string(p));
-        e2e::expectImage(qt::readFile(rig.dir.file("page" + std::to_string(p) + ".pnm")), expectedPage(c.page, p));
-    }
-}
-
-// "Book Original" is entry 27 of the list and size 15 of the scan settings,
-// which the scan program treats as a job of several pages. A page without a
-// side file keeps the first page's values (here the rotation).
-INSTANTIATE_TEST_SUITE_P(
-    Jobs, NetJobScan,
-    ::testing::Values(JobCase{"DuplexGray", {"--scan-both-sides=yes"}, 1, -1,
-                              PageCase{"", qt::NET_GRAY, 300, 40, 16, 300, 0, 0}, 2, ""},
-                      JobCase{"FeederColorRotated180SecondPageWithoutSideFile", {"--source", "Multiple Pages"}, 0,
-                              -1, PageCase{"", qt::NET_COLOR, 300, 23, 10, 300, 180, 0}, 3, "no_side 2\n"},
-                      JobCase{"BookOriginalGrayInterpolated", {"--original-size", "Book Original"}, 0, 15,
-                              PageCase{"", qt::NET_GRAY, 300, 30, 12, 150, 0, 0}, 2, ""}),
-    [](const ::testing::TestParamInfo<JobCase>& info) { return std::string(info.param.szName); });
 
 // ---- a device found by discovery: the lookup at open finds its address ----
 

@@ -120,30 +120,36 @@ std::vector<std::string> NetLab::backendLauncher(const std::string& dir) const {
 
 bool NetLab::startResponder(const std::string& scenarioFile, const std::string& logFile) {
     if (!bOk || szDeviceNs.empty()) return false;
-    const std::string program = binaryDir() + "/sim/net/quarto-netsim";
-    const std::string lifetime = std::to_string(RESPONDER_LIFETIME_S);
+    iResponder = startNetsim({"ip", "netns", "exec", szDeviceNs}, scenarioFile, logFile, &szWhy);
+    return iResponder > 0;
+}
+
+pid_t startNetsim(const std::vector<std::string>& launcher, const std::string& scenarioFile,
+                  const std::string& logFile, std::string* why) {
+    std::vector<std::string> argv = launcher;
+    argv.insert(argv.end(), {binaryDir() + "/sim/net/quarto-netsim", "--log", logFile, "--lifetime",
+                             std::to_string(RESPONDER_LIFETIME_S), scenarioFile});
     const std::string errFile = logFile + ".err";
     ChildFds fds;
     fds.out = fds.err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     // The responder ends by itself when this process ends, whatever ends it.
-    iResponder = spawnProgram({"ip", "netns", "exec", szDeviceNs, program, "--log", logFile, "--lifetime", lifetime,
-                               scenarioFile},
-                              {}, fds);
+    pid_t pid = spawnProgram(argv, {}, fds);
     if (fds.out >= 0) close(fds.out);
-    if (iResponder < 0) return false;
+    if (pid < 0) return -1;
     const time_t deadline = time(nullptr) + RESPONDER_START_S;
     while (time(nullptr) <= deadline) {
-        if (readFile(logFile).find("listening port=") != std::string::npos) return true;
+        if (readFile(logFile).find("listening port=") != std::string::npos) return pid;
         int status;
-        if (waitpid(iResponder, &status, WNOHANG) == iResponder) {
-            iResponder = -1;
-            szWhy = "the responder ended: " + readFile(errFile);
-            return false;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            *why = "the responder ended: " + readFile(errFile);
+            return -1;
         }
         usleep(10000);
     }
-    szWhy = "the responder did not start listening";
-    return false;
+    kill(pid, SIGTERM);
+    waitProgram(pid, 2);
+    *why = "the responder did not start listening";
+    return -1;
 }
 
 }  // namespace qt

@@ -55,6 +55,13 @@ private:
     pid_t iResponder = -1;
 };
 
+// Starts the simulated network scanner with the scenario file, logging to
+// logFile, through the launcher (an argv prefix; empty: in this process's
+// network namespace, which must be one made for the test). Its pid once it
+// listens on port 5353, else -1 with the reason in why.
+pid_t startNetsim(const std::vector<std::string>& launcher, const std::string& scenarioFile,
+                  const std::string& logFile, std::string* why);
+
 }  // namespace qt
 
 #endif

@@ -2,25 +2,23 @@
 // records within their length, the manufacturer filter, the device list and
 // address map, and the collection over real sockets inside a network namespace
 // of this test's own (loopback only; skipped where no namespace can be made).
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "NetComm.h"
 #include "SaneConfReader.h"
+#include "netlab.h"
 #include "netns.h"
 #include "testutil.h"
 
@@ -30,14 +28,8 @@ using Bytes = std::vector<unsigned char>;
 
 Bytes hex(const char* text) {
     Bytes out;
-    for (const char* p = text; *p;) {
-        if (*p == ' ') {
-            ++p;
-            continue;
-        }
-        out.push_back((unsigned char)strtoul(std::string(p, 2).c_str(), nullptr, 16));
-        p += 2;
-    }
+    for (const char* p = text; *p; p += *p == ' ' ? 1 : 2)
+        if (*p != ' ') out.push_back((unsigned char)strtoul(std::string(p, 2).c_str(), nullptr, 16));
     return out;
 }
 
@@ -232,13 +224,15 @@ struct FilterCase {
     const char* manufacturer;
     const char* model;
     bool listed;
+    const char* ip = "192.0.2.1";
+    const char* mac = "000103FF482C";
 };
 class NetFilter : public ::testing::TestWithParam<FilterCase> {};
 
-TEST_P(NetFilter, ListsTheConfiguredManufacturersEthernetModels) {
+TEST_P(NetFilter, ListsTheConfiguredManufacturersEthernetModelsWithAddressAndMac) {
     NValueObjects dev;
-    dev.setIp("192.0.2.1");
-    dev.setMac("000103FF482C");
+    dev.setIp(GetParam().ip);
+    dev.setMac(GetParam().mac);
     dev.setModel(GetParam().model);
     EXPECT_EQ(GetParam().listed, NetComm::acceptDevice(dev, GetParam().manufacturer));
 }
@@ -261,17 +255,10 @@ INSTANTIATE_TEST_SUITE_P(
                       // A model that would add pieces to the device name, or garble a listing.
                       FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto Ethernet/libusb:001:004;", false},
                       FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto Ethernet;\n", false},
-                      FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto\x7f Ethernet;", false}));
-
-TEST(NetFilter, NeedsMacAddressAndModel) {
-    for (int missing = 0; missing < 3; ++missing) {
-        NValueObjects dev;
-        dev.setIp(missing == 0 ? "" : "192.0.2.1");
-        dev.setMac(missing == 1 ? "" : "000103FF482C");
-        dev.setModel(missing == 2 ? "" : MODEL_5100);
-        EXPECT_FALSE(NetComm::acceptDevice(dev, "Tarvesk")) << missing;
-    }
-}
+                      FilterCase{"Tarvesk", "MFG:Tarvesk;MDL:Quarto\x7f Ethernet;", false},
+                      // No address, no MAC, no model.
+                      FilterCase{"Tarvesk", MODEL_5100, false, ""},
+                      FilterCase{"Tarvesk", MODEL_5100, false, "192.0.2.1", ""}, FilterCase{"Tarvesk", "", false}));
 
 TEST(NetList, NamesEveryDeviceInOrderAfterThePlaceholderAndMapsItsAddress) {
     NetComm::macToIpMap.clear();
@@ -319,64 +306,39 @@ TEST(NetList, NamesEveryDeviceInOrderAfterThePlaceholderAndMapsItsAddress) {
 
 namespace {
 
-// A simulated network in this process's namespace: a socket on port 5353 that
-// answers every query it receives with the given replies, broadcast back.
+// The simulated network scanner (sim/net) in this process's namespace,
+// answering each query with the replies of a scenario.
 class Responder {
 public:
-    explicit Responder(std::vector<Bytes> replies, int lateMs = -1) : vReplies(std::move(replies)) {
-        fd = socket(AF_INET, SOCK_DGRAM, 0);
-        int on = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-        timeval tv = {0, 100000};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(5353);
-        bOk = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
-        thread = std::thread([this, lateMs] { run(lateMs); });
+    explicit Responder(const std::string& scenario) {
+        qt::writeFile(dir.file("net.scn"), scenario);
+        pid = qt::startNetsim({}, dir.file("net.scn"), dir.file("netsim.log"), &why);
     }
     ~Responder() {
-        bStop = true;
-        thread.join();
-        close(fd);
-    }
-    bool ok() const { return bOk; }
-    int queries() const { return iQueries; }
-
-private:
-    void send(const Bytes& b) {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(5353);
-        to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-        sendto(fd, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-    }
-    void run(int lateMs) {
-        while (!bStop) {
-            unsigned char buf[1024];
-            ssize_t n = recv(fd, buf, sizeof(buf), 0);
-            if (n != 41 || (buf[2] & 0x80) != 0) continue;  // not a query
-            ++iQueries;
-            for (const Bytes& b : vReplies) send(b);
-            // One more copy of the first reply later on, while the collection still runs.
-            if (lateMs >= 0) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(lateMs));
-                send(vReplies.front());
-            }
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            qt::waitProgram(pid, 2);
         }
     }
+    bool ok() const { return pid > 0; }
+    // The queries it received from port 5353 with exactly the query's bytes.
+    int queries() const {
+        const std::string log = qt::readFile(dir.file("netsim.log"));
+        int n = 0;
+        for (size_t at = 0; (at = log.find(":5353 len=41 query=1 ", at)) != std::string::npos; ++at) ++n;
+        return n;
+    }
 
-    std::vector<Bytes> vReplies;
-    int fd = -1;
-    bool bOk = false;
-    std::atomic<bool> bStop{false};
-    std::atomic<int> iQueries{0};
-    std::thread thread;
+    qt::TempDir dir;
+    pid_t pid = -1;
+    std::string why;
 };
 
-std::vector<std::string> deviceEntries(const char* ip, const char* mac, const std::string& model) {
-    return {std::string("IPADDRESS ") + ip, std::string("MACUAA ") + mac, "1284STRID " + model};
+// A reply of the scenario for a device, with extra statements, sent delayMs after the one before.
+std::string device(const char* ip, const char* mac, const std::string& model, const char* extra = "",
+                   int delayMs = 0) {
+    return "reply delay=" + std::to_string(delayMs) + "\n  txt IPADDRESS " + ip + "\n  txt MACUAA " + mac +
+           "\n  txt 1284STRID " + model + "\n" + extra;
 }
 
 }  // namespace
@@ -391,6 +353,17 @@ protected:
         ASSERT_EQ(1, conf.LoadConf(dir.file("quarto.conf").c_str()));
     }
     void TearDown() override { NetComm::macToIpMap.clear(); }
+    // One collection with its status; the names it lists (none: no list either).
+    std::vector<std::string> collect(NetComm& net, int status) {
+        char** list = reinterpret_cast<char**>(1);
+        int count = 7;
+        EXPECT_EQ(status, net.getScanners(&list, &count, &conf));
+        if (count == 0) {
+            EXPECT_EQ(nullptr, list);
+        }
+        if (list == reinterpret_cast<char**>(1)) ADD_FAILURE() << "no list handed back";
+        return list == reinterpret_cast<char**>(1) ? std::vector<std::string>() : takeNames(list, count);
+    }
     qt::TempDir dir;
     SaneConfReader conf;
 };
@@ -398,18 +371,18 @@ protected:
 // Replies of every kind, in one collection that lasts 5 seconds in all, even
 // though a reply arrives 3 seconds in (the remaining time carries over).
 TEST_F(NetSockets, CollectsTheAcceptedDevicesInReplyOrderWithinFiveSeconds) {
-    Bytes first = reply(deviceEntries("192.0.2.10", "0080C0FF1234", MODEL_5100));
-    Bytes second = reply(deviceEntries("192.0.2.11", "800000000000", "MFG:Tarvesk;MDL:Quarto 4200 Ethernet;"));
-    Responder responder({first, reply(deviceEntries("192.0.2.12", "100000000000", "MFG:Ostrevin;MDL:O Ethernet;")),
-                         reply(deviceEntries("192.0.2.13", "200000000000", "MFG:Tarvesk;MDL:Quarto 4010 USB;")),
-                         cut(second, 60), withByte(second, 2, 0), second},
-                        3000);
-    ASSERT_TRUE(responder.ok());
+    const std::string model4200 = "MFG:Tarvesk;MDL:Quarto 4200 Ethernet;";
+    Responder responder(device("192.0.2.10", "0080C0FF1234", MODEL_5100) +
+                        device("192.0.2.12", "100000000000", "MFG:Ostrevin;MDL:O Ethernet;") +
+                        device("192.0.2.13", "200000000000", "MFG:Tarvesk;MDL:Quarto 4010 USB;") +
+                        device("192.0.2.11", "800000000000", model4200, "  truncate 56\n") +  // inside the TXT data
+                        device("192.0.2.11", "800000000000", model4200, "  flags 0\n") +      // a query
+                        device("192.0.2.11", "800000000000", model4200) +
+                        device("192.0.2.10", "0080C0FF1234", MODEL_5100, "", 3000));
+    ASSERT_TRUE(responder.ok()) << responder.why;
     NetComm net;
-    char** list = nullptr;
-    int count = 0;
     auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(0, net.getScanners(&list, &count, &conf));
+    const std::vector<std::string> names = collect(net, 0);
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_GT(seconds, 4.5);
     EXPECT_LT(seconds, 6.5) << "the time-out was renewed after a reply";
@@ -419,7 +392,7 @@ TEST_F(NetSockets, CollectsTheAcceptedDevicesInReplyOrderWithinFiveSeconds) {
                   "Tarvesk/MFG:Tarvesk;MDL:Quarto 5100 Ethernet;/libnet:000103FF482C/192.0.2.10",
                   "Tarvesk/MFG:Tarvesk;MDL:Quarto 4200 Ethernet;/libnet:010000000000/192.0.2.11",
                   "Tarvesk/MFG:Tarvesk;MDL:Quarto 5100 Ethernet;/libnet:000103FF482C/192.0.2.10"}),
-              takeNames(list, count));
+              names);
     for (const NValueObjects& d : net.getDevices()) {
         EXPECT_EQ(0xFFFFu, d.getVid());
         EXPECT_EQ(0xFFFFu, d.getPid());
@@ -431,8 +404,8 @@ TEST_F(NetSockets, CollectsTheAcceptedDevicesInReplyOrderWithinFiveSeconds) {
 // above 1024) gets a discovery socket numbered past what an fd_set holds: the
 // collection must still wait on it without writing past any set.
 TEST_F(NetSockets, CollectsOnASocketNumberedPastTheSelectLimit) {
-    Responder responder({reply(deviceEntries("192.0.2.10", "0080C0FF1234", MODEL_5100))});
-    ASSERT_TRUE(responder.ok());
+    Responder responder(device("192.0.2.10", "0080C0FF1234", MODEL_5100));
+    ASSERT_TRUE(responder.ok()) << responder.why;
     const int high = FD_SETSIZE + 16;
     struct rlimit limit;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
@@ -445,22 +418,19 @@ TEST_F(NetSockets, CollectsOnASocketNumberedPastTheSelectLimit) {
     std::vector<int> fillers;
     for (int fd = 0; fd < high && (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) fillers.push_back(fd);
     NetComm net;
-    char** list = nullptr;
-    int count = 0;
-    const int status = net.getScanners(&list, &count, &conf);
+    const std::vector<std::string> names = collect(net, 0);
     for (int fd : fillers) close(fd);
-    ASSERT_EQ(0, status);
     EXPECT_EQ((std::vector<std::string>{"NET_PSEUDO_PLACE_HOLDER::",
                                         "Tarvesk/MFG:Tarvesk;MDL:Quarto 5100 Ethernet;/libnet:000103FF482C/192.0.2.10"}),
-              takeNames(list, count));
+              names);
 }
 
 // A device name nobody listed in this process is looked up by one query; the
 // first reply whose MAC occurs in the name gives the address at once.
 TEST_F(NetSockets, SetDeviceLooksAnUnknownNameUp) {
-    Responder responder({reply(deviceEntries("192.0.2.20", "300000000000", MODEL_5100)),
-                         reply(deviceEntries("192.0.2.21", "0080C0FF1234", MODEL_5100))});
-    ASSERT_TRUE(responder.ok());
+    Responder responder(device("192.0.2.20", "300000000000", MODEL_5100) +
+                        device("192.0.2.21", "0080C0FF1234", MODEL_5100));
+    ASSERT_TRUE(responder.ok()) << responder.why;
     NetComm net;
     char name[] = "libnet:000103FF482C";
     auto start = std::chrono::steady_clock::now();
@@ -482,16 +452,11 @@ TEST_F(NetSockets, PortTakenGivesOneAndNoRouteGivesNinetyNine) {
     a.sin_port = htons(5353);
     ASSERT_EQ(0, bind(holder, reinterpret_cast<sockaddr*>(&a), sizeof(a)));
     NetComm net;
-    char** list = reinterpret_cast<char**>(1);
-    int count = 7;
-    EXPECT_EQ(1, net.getScanners(&list, &count, &conf));
-    EXPECT_EQ(nullptr, list);
-    EXPECT_EQ(0, count);
+    EXPECT_TRUE(collect(net, 1).empty());
     close(holder);
 
     ASSERT_TRUE(qt::privateNetwork(false));
-    EXPECT_EQ(99, net.getScanners(&list, &count, &conf));
-    EXPECT_EQ(std::vector<std::string>{"NET_PSEUDO_PLACE_HOLDER::"}, takeNames(list, count));
+    EXPECT_EQ(std::vector<std::string>{"NET_PSEUDO_PLACE_HOLDER::"}, collect(net, 99));
     char name[] = "libnet:000103FF482C";
     EXPECT_EQ(0, net.setDevice(name));
     EXPECT_STREQ("", net.getIPAddress());

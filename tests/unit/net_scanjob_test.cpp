@@ -1,11 +1,7 @@
-// The network scan job: the command line the scan program gets, values refused
-// before anything runs, and the pages the program leaves (zlib P4/P5/P6 with
-// their resolution, Wicket bands, side files, rotation, interpolation, numbered
-// pages, broken pages) as ReadImage hands them out; then the same job through
-// the entry points of the built library. A shell script stands in for the
-// program: it records its arguments and copies prepared pages to where
-// --filename points. Expected pixels follow the simulator's formula and the
-// documented rotation and resizing mappings, computed here.
+// The network scan job at the transport: the command line the scan program
+// gets, values refused before anything runs, and the pages the program leaves
+// as ReadImage hands them out. A shell script stands in for the program: it
+// records its arguments and copies prepared pages to where --filename points.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -16,7 +12,6 @@
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,8 +19,7 @@
 #include "DataBuffer.h"
 #include "NetComm.h"
 #include "WicketEncoder.h"
-#include "WicketReference.h"
-#include "session_testutil.h"
+#include "netjob.h"
 #include "testutil.h"
 
 namespace {
@@ -36,24 +30,10 @@ const char PROGRAM[] =
     "#!/bin/sh\n"
     "printf '%s\\0' \"$@\" > \"$QUARTO_TEST_ARGS\"\n"
     "for a in \"$@\"; do case \"$a\" in --filename=*) f=\"${a#--filename=}\";; esac; done\n"
-    "if [ -n \"$QUARTO_TEST_PAGES\" ]; then cp \"$QUARTO_TEST_PAGES\"/* \"$(dirname \"$f\")/\" || exit 3; fi\n"
-    "exit \"${QUARTO_TEST_EXIT:-0}\"\n";
+    "if [ -n \"$QUARTO_TEST_PAGES\" ]; then cp \"$QUARTO_TEST_PAGES\"/* \"$(dirname \"$f\")/\" || exit 3; fi\n";
 
-// The simulator's page formula at (x + shift, y): colour R = X, G = Y,
-// B = X + Y; grey X + 2Y; line art 1 where X div 8 + Y div 8 is odd.
-Bytes pattern(int depth, int w, int h, int shift = 0) {
-    Bytes out;
-    for (int y = 0; y < h; ++y) {
-        for (int x = 0; x < w; ++x) {
-            const int X = x + shift;
-            if (depth == 2) out.insert(out.end(), {(unsigned char)X, (unsigned char)y, (unsigned char)(X + y)});
-            if (depth == 1) out.push_back((unsigned char)(X + 2 * y));
-            if (depth == 0 && x % 8 == 0) out.push_back(0);
-            if (depth == 0 && ((X / 8 + y / 8) & 1)) out.back() |= (unsigned char)(0x80 >> (x % 8));
-        }
-    }
-    return out;
-}
+// Page p of the simulator's formula (netjob.h), depth being the colour depth code.
+Bytes pattern(int depth, int w, int h, int page = 1) { return qt::netPage(qt::NetMode(depth), w, h, page).data; }
 
 std::string zlibPage(int depth, int dpi, int w, int h, const Bytes& pixels, const char* magic = nullptr) {
     static const char* const MAGIC[] = {"P4", "P5", "P6"};
@@ -63,40 +43,6 @@ std::string zlibPage(int depth, int dpi, int w, int h, const Bytes& pixels, cons
     Bytes z(n);
     compress(z.data(), &n, pixels.data(), (uLong)pixels.size());
     return s + std::string(z.begin(), z.begin() + (long)n);
-}
-
-// The page turned as the rotation maps it: 180 one pixel off (the first output
-// pixel black), 90 and 270 both source (c, r) to (r, w - 1 - c).
-Bytes turned(const Bytes& in, int w, int h, int bpp, int angle, int* ow, int* oh) {
-    Bytes out(in.size(), 0);
-    const long n = (long)w * h;
-    *ow = w;
-    *oh = h;
-    if (angle == 180) {
-        for (long j = 1; j < n; ++j) memcpy(&out[j * bpp], &in[(n - j) * bpp], bpp);
-    } else if (angle == 90 || angle == 270) {
-        *ow = h;
-        *oh = w;
-        for (int y = 0; y < w; ++y)
-            for (int x = 0; x < h; ++x) memcpy(&out[((long)y * h + x) * bpp], &in[((long)x * w + (w - 1 - y)) * bpp], bpp);
-    } else {
-        out = in;
-    }
-    return out;
-}
-
-// Nearest neighbour as the resizing sizes it: the width by the exact ratio, the
-// height by the whole factor.
-Bytes scaled(const Bytes& in, int w, int h, int bpp, int from, int to, int* ow, int* oh) {
-    *ow = (int)(to * ((double)w / from));
-    *oh = (to / from) * h;
-    Bytes out;
-    for (int y = 0; y < *oh; ++y)
-        for (int x = 0; x < *ow; ++x) {
-            long sx = (long)(x / ((double)*ow / w)), sy = (long)(y / ((double)*oh / h));
-            out.insert(out.end(), in.begin() + (sy * w + sx) * bpp, in.begin() + (sy * w + sx + 1) * bpp);
-        }
-    return out;
 }
 
 // Every piece ReadImage hands out, joined; the piece sizes go to pieces.
@@ -127,8 +73,7 @@ protected:
         : pages(dir.file("pages")),
           job(dir.file("job")),
           argsEnv("QUARTO_TEST_ARGS", dir.file("args").c_str()),
-          pagesEnv("QUARTO_TEST_PAGES", pages.c_str()),
-          exitEnv("QUARTO_TEST_EXIT", nullptr) {
+          pagesEnv("QUARTO_TEST_PAGES", pages.c_str()) {
         mkdir(pages.c_str(), 0700);
         qt::writeFile(dir.file("quillrun"), PROGRAM);
         chmod(dir.file("quillrun").c_str(), 0700);
@@ -156,7 +101,7 @@ protected:
 
     qt::TempDir dir;
     std::string pages, job;
-    qt::ScopedEnv argsEnv, pagesEnv, exitEnv;
+    qt::ScopedEnv argsEnv, pagesEnv;
     ConfigReader store;
     NetComm net;
 };
@@ -236,7 +181,6 @@ class NetRefused : public NetJob, public ::testing::WithParamInterface<RefusedCa
 
 TEST_P(NetRefused, RunsNothingAndTouchesNoFile) {
     const RefusedCase& c = GetParam();
-    const std::string marker = dir.file("marker");
     if (strcmp(c.key, "IP") == 0)
         net.setIPAddress(c.text.c_str());
     else if (c.number != 0)
@@ -247,7 +191,6 @@ TEST_P(NetRefused, RunsNothingAndTouchesNoFile) {
     EXPECT_EQ(2, net.openDevice());
     EXPECT_FALSE(ran());
     EXPECT_FALSE(exists(job));
-    EXPECT_FALSE(exists(marker));
     EXPECT_EQ(0, net.getCounter());
 }
 
@@ -286,6 +229,7 @@ TEST_F(NetJob, HostileNamesAreArgumentsNotCommands) {
 struct PageCase {
     const char* name;
     int depth, fileDpi, dpi, rotate, w, h;
+    int family = 3;
 };
 class NetPage : public NetJob, public ::testing::WithParamInterface<PageCase> {};
 
@@ -293,32 +237,38 @@ TEST_P(NetPage, IsDecodedTurnedAndScaledAsTheOptionsSay) {
     const PageCase& c = GetParam();
     store.SetIntOption("COLORDEPTH", c.depth);
     store.SetIntOption("CURRENTDPI", c.dpi);
-    const Bytes source = pattern(c.depth, c.w, c.h);
-    put("Defaultscan.pxm", zlibPage(c.depth, c.fileDpi, c.w, c.h, source));
-    put("Defaultscan.conf", "COMMENT=x\nROTATE=" + std::to_string(c.rotate) + "\nFAMILYID=3\n");
+    // Families 14 and 15 from 1200 dpi send Wicket bands in grey and colour,
+    // which decode as the reference decoder decodes each band.
+    const bool wicket = (c.family == 14 || c.family == 15) && c.dpi >= 1200 && c.depth != 0;
+    const qt::NetImage source = qt::netPage(qt::NetMode(c.depth), c.w, c.h);
+    WicketEncodeOptions opt;
+    opt.iBandLines = 24;
+    const Bytes bands = wicket ? wicketEncodeImage(source.data.data(), c.w, c.h, source.iBpp, opt) : Bytes();
+    put("Defaultscan.pxm", wicket ? std::string(bands.begin(), bands.end())
+                                  : zlibPage(c.depth, c.fileDpi, c.w, c.h, source.data));
+    put("Defaultscan.conf", "COMMENT=x\nROTATE=" + std::to_string(c.rotate) + "\nFAMILYID=" +
+                                std::to_string(c.family) + "\n");
     ASSERT_EQ(19, net.openDevice());
     EXPECT_EQ(0, net.getCounter());
     EXPECT_FALSE(exists(job + "/Defaultscan.pxm")) << "the page file is removed once decoded";
     EXPECT_FALSE(exists(job + "/unrotated.pxm"));
 
-    Bytes want = source;
-    int w = c.w, h = c.h;
-    const int bpp = c.depth == 2 ? 3 : 1;
-    if (c.depth != 0) want = turned(source, c.w, c.h, bpp, c.rotate, &w, &h);
-    const bool interpolate = c.depth != 0 && c.fileDpi < c.dpi;
-    const int turnedW = w, turnedH = h;
-    if (interpolate) want = scaled(Bytes(want), turnedW, turnedH, bpp, c.fileDpi, c.dpi, &w, &h);
+    const qt::NetImage turned = qt::rotatePage(wicket ? qt::wicketPage(source, 75, 24) : source, c.rotate);
+    const bool interpolate = !wicket && c.depth != 0 && c.fileDpi < c.dpi;
+    const qt::NetImage want = interpolate ? qt::resizePage(turned, c.fileDpi, c.dpi) : turned;
     std::vector<int> pieces;
     Bytes got = readAll(net, &pieces);
-    ASSERT_EQ(want.size(), got.size());
-    EXPECT_TRUE(want == got);
+    ASSERT_EQ(want.data.size(), got.size());
+    EXPECT_TRUE(want.data == got);
     for (size_t i = 0; i + 1 < pieces.size(); ++i) EXPECT_EQ(16384, pieces[i]);
-    EXPECT_EQ(turnedW, store.GetIntOption("WIDTH_SCAN"));
-    EXPECT_EQ(turnedH, store.GetIntOption("HEIGHT_SCAN"));
-    EXPECT_EQ(interpolate ? w : 0, store.GetIntOption("INTER_WIDTH"));
-    EXPECT_EQ(interpolate ? h : 0, store.GetIntOption("INTER_HEIGHT"));
+    EXPECT_EQ(turned.iWidth, store.GetIntOption("WIDTH_SCAN"));
+    EXPECT_EQ(turned.iHeight, store.GetIntOption("HEIGHT_SCAN"));
+    EXPECT_EQ(interpolate ? want.iWidth : 0, store.GetIntOption("INTER_WIDTH"));
+    EXPECT_EQ(interpolate ? want.iHeight : 0, store.GetIntOption("INTER_HEIGHT"));
     EXPECT_EQ(interpolate ? c.dpi : c.fileDpi, store.GetIntOption("CURRENTDPI"));
-    EXPECT_EQ(c.fileDpi, store.GetIntOption("FILE_DPI"));
+    if (!wicket) {
+        EXPECT_EQ(c.fileDpi, store.GetIntOption("FILE_DPI"));
+    }
     EXPECT_EQ(0, net.closeDevice());
     EXPECT_FALSE(exists(job)) << "closing after the last page removes the directory";
 }
@@ -332,46 +282,14 @@ INSTANTIATE_TEST_SUITE_P(
                       PageCase{"Interpolated", 2, 150, 300, 0, 33, 21}, PageCase{"GreyWidthOnly", 1, 200, 300, 0, 30, 7},
                       PageCase{"Turned90ThenScaled", 2, 100, 300, 90, 13, 5},
                       PageCase{"LineArtNotScaled", 0, 150, 300, 0, 48, 12},
-                      PageCase{"LargerThanRequested", 2, 600, 300, 0, 20, 10}),
+                      PageCase{"LargerThanRequested", 2, 600, 300, 0, 20, 10},
+                      PageCase{"WicketColour14", 2, 1200, 1200, 0, 100, 70, 14},
+                      PageCase{"WicketGrey15", 1, 1200, 1200, 0, 100, 70, 15},
+                      PageCase{"WicketColour15Turned180", 2, 1200, 1200, 180, 100, 70, 15},
+                      PageCase{"WicketGrey14Turned90", 1, 1200, 1200, 90, 100, 70, 14},
+                      PageCase{"LineArtFamily14IsZlib", 0, 1200, 1200, 0, 64, 40, 14},
+                      PageCase{"Colour600Family14IsZlib", 2, 600, 600, 0, 40, 30, 14}),
     [](const ::testing::TestParamInfo<PageCase>& i) { return std::string(i.param.name); });
-
-// Family 14 (and 15) at 1200 dpi and above sends Wicket bands; they decode as
-// the reference decoder decodes each band.
-TEST_F(NetJob, WicketBandsOfFamilies14And15) {
-    for (int depth : {2, 1}) {
-        for (int family : {14, 15}) {
-            const int w = 100, h = 70, ch = depth == 2 ? 3 : 1;
-            store.SetIntOption("COLORDEPTH", depth);
-            store.SetIntOption("CURRENTDPI", 1200);
-            Bytes source = pattern(depth, w, h, family);
-            WicketEncodeOptions opt;
-            opt.iBandLines = 24;
-            Bytes bands = wicketEncodeImage(source.data(), w, h, ch, opt);
-            put("Defaultscan.pxm", std::string(bands.begin(), bands.end()));
-            put("Defaultscan.conf", "FAMILYID=" + std::to_string(family) + "\n");
-            ASSERT_EQ(19, net.openDevice()) << depth << " " << family;
-            Bytes want;
-            for (size_t pos = 0; pos < bands.size();) {
-                const unsigned char* b = &bands[pos];
-                unsigned size = b[0] << 24 | b[1] << 16 | b[2] << 8 | b[3], lines = b[7];
-                Bytes band(size_t(104) * 24 * ch);
-                wicketref::Decoder ref(true);
-                ref.setQuality(75, 75);
-                int produced;
-                long bits;
-                ASSERT_EQ(0, ref.decode(b + 16, (int)size - 16, band.data(), 104, 24, ch, &produced, &bits));
-                for (unsigned y = 0; y < lines; ++y)
-                    want.insert(want.end(), band.begin() + y * 104 * ch, band.begin() + (y * 104 + w) * ch);
-                pos += size;
-            }
-            EXPECT_TRUE(want == readAll(net));
-            EXPECT_EQ(w, store.GetIntOption("WIDTH_SCAN"));
-            EXPECT_EQ(h, store.GetIntOption("HEIGHT_SCAN"));
-            EXPECT_EQ(0, store.GetIntOption("INTER_WIDTH"));
-            EXPECT_EQ(1200, store.GetIntOption("CURRENTDPI"));
-        }
-    }
-}
 
 struct BrokenCase {
     const char* name;
@@ -453,7 +371,7 @@ TEST_F(NetJob, PageFileFarLongerThanItsPageIsRefusedUnread) {
 TEST_F(NetJob, FeederPagesAreNumberedAndTheMissingOneEndsTheJob) {
     store.SetIntOption("SCAN_SOURCE", 1);
     const char* names[] = {"Defaultscan.pxm", "Defaultscan.pxm.1", "Defaultscan.pxm.2"};
-    for (int p = 0; p < 3; ++p) put(names[p], zlibPage(2, 300, 12, 6, pattern(2, 12, 6, 64 * p)));
+    for (int p = 0; p < 3; ++p) put(names[p], zlibPage(2, 300, 12, 6, pattern(2, 12, 6, p + 1)));
     put("Defaultscan.conf", "ROTATE=180\n");
     put("Defaultscan.conf.2", "ROTATE=0\n");
     for (int p = 0; p < 3; ++p) {
@@ -462,8 +380,8 @@ TEST_F(NetJob, FeederPagesAreNumberedAndTheMissingOneEndsTheJob) {
             ASSERT_EQ(0, unlink(dir.file("args").c_str()));
         }
         EXPECT_EQ(p + 1, net.getCounter());
-        int w, h;
-        EXPECT_TRUE(turned(pattern(2, 12, 6, 64 * p), 12, 6, 3, p < 2 ? 180 : 0, &w, &h) == readAll(net)) << p;
+        EXPECT_TRUE(qt::rotatePage(qt::netPage(qt::NET_COLOR, 12, 6, p + 1), p < 2 ? 180 : 0).data == readAll(net))
+            << p;
         EXPECT_EQ(0, net.closeDevice());
         EXPECT_TRUE(exists(job)) << "the job's other pages stay until it ends";
     }
@@ -500,34 +418,23 @@ TEST_F(NetJob, NamedPipesInsteadOfFilesDoNotHoldTheScan) {
     EXPECT_FALSE(exists(job));
 }
 
-// A failing program ends the job at once; the next scan starts afresh. An
-// unfinished job's pages go with the transport.
-TEST_F(NetJob, FailingProgramResetsTheJobAndTheNextScanWorks) {
+// An unfinished job's pages go with the transport. No page at all fails the
+// job like a broken page. (A failing program: NetSession's NetFailure.)
+TEST_F(NetJob, UnfinishedJobGoesWithTheTransportAndNoPageFails) {
     store.SetIntOption("SCANBOTHSIDES", 1);
     put("Defaultscan.pxm", zlibPage(2, 300, 8, 8, pattern(2, 8, 8)));
-    {
-        qt::ScopedEnv fail("QUARTO_TEST_EXIT", "5");
-        EXPECT_EQ(8, net.openDevice());
-    }
-    EXPECT_EQ(0, net.getCounter());
-    EXPECT_FALSE(exists(job));
-    ASSERT_EQ(19, net.openDevice());
-    EXPECT_EQ(1, net.getCounter());
     {
         NetComm other;
         other.setConfigReader(&store);
         other.setIPAddress("192.0.2.10");
         ASSERT_EQ(19, other.openDevice());
+        EXPECT_EQ(1, other.getCounter());
         EXPECT_TRUE(exists(job));
     }
     EXPECT_FALSE(exists(job));
-    // No page at all: the job fails like a broken page.
     qt::ScopedEnv none("QUARTO_TEST_PAGES", "");
     store.SetIntOption("SCANBOTHSIDES", 0);
-    NetComm third;
-    third.setConfigReader(&store);
-    third.setIPAddress("192.0.2.10");
-    EXPECT_EQ(15, third.openDevice());
+    EXPECT_EQ(15, net.openDevice());
     EXPECT_FALSE(exists(job));
 }
 
@@ -592,70 +499,4 @@ TEST_F(NetJob, LinkOfSomebodyElseAboveTheDirectoryIsRefused) {
     EXPECT_TRUE(pattern(2, 8, 8) == readAll(net));
     EXPECT_EQ(0, net.closeDevice());
     EXPECT_FALSE(exists(victim + "/job"));
-}
-
-// ------------------------------------------------------------ session level
-
-// The job through the entry points of the built library: a page at hand skips
-// the device exchanges of a USB scan, and each way a network job can fail has
-// its status; the end of a feeder job is "no more documents".
-TEST_F(NetJob, SessionScansAndReportsEachFailure) {
-    qt::writeFile(dir.file("quarto.conf"), "net 0xffff 0xffff " + dir.file("net.conf") +
-                                               " Network_Scanner\nDISCOVER_USB_FLAG=0\nDISCOVER_NET_FLAG=0\n");
-    qt::writeFile(dir.file("net.conf"), qt::readFile(qt::sourceDir() + "/etc/models/quartonet.conf") +
-                                            "\n[STRINGS]\nTEMPDIRECTORY=" + job + "\nBINARY=" + dir.file("quillrun") +
-                                            "\n");
-    qt::ScopedEnv conf("SANE_CONFIG_DIR", dir.path().c_str());
-    const st::Sane& sane = st::sane();
-    ASSERT_TRUE(sane.ok);
-    SANE_Handle h = nullptr;
-    ASSERT_EQ(SANE_STATUS_GOOD, sane.open("libnet/SPECIFY_DEVICE", &h));
-    auto setText = [&](int option, const char* text) {
-        char value[64];
-        snprintf(value, sizeof(value), "%s", text);
-        return sane.control_option(h, option, SANE_ACTION_SET_VALUE, value, nullptr);
-    };
-    auto scan = [&](st::Page& page) {
-        SANE_Status s = sane.start(h);
-        if (s == SANE_STATUS_GOOD) {
-            sane.get_parameters(h, &page.params);
-            st::readPage(h, 5000, page);
-        }
-        return s;
-    };
-    const int OPT_IP = 2, OPT_MODE = 10;
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.10"));
-    put("Defaultscan.pxm", zlibPage(2, 300, 40, 30, pattern(2, 40, 30)));
-    st::Page page;
-    ASSERT_EQ(SANE_STATUS_GOOD, scan(page));
-    EXPECT_EQ(SANE_FRAME_RGB, page.params.format);
-    EXPECT_EQ(40, page.params.pixels_per_line);
-    EXPECT_EQ(30, page.params.lines);
-    EXPECT_EQ(120, page.params.bytes_per_line);
-    EXPECT_EQ(SANE_STATUS_EOF, page.end);
-    EXPECT_TRUE(pattern(2, 40, 30) == page.data);
-
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.1;id"));
-    EXPECT_EQ(SANE_STATUS_INVAL, sane.start(h));
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_IP, "192.0.2.10"));
-    {
-        qt::ScopedEnv fail("QUARTO_TEST_EXIT", "1");
-        EXPECT_EQ(SANE_STATUS_CANCELLED, sane.start(h));
-    }
-    put("Defaultscan.pxm", "P6\n#QVTRES=300\n40 30\n255\nnot zlib");
-    EXPECT_EQ(SANE_STATUS_IO_ERROR, sane.start(h));
-
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(st::OPT_SOURCE, "Multiple Pages"));
-    ASSERT_EQ(SANE_STATUS_GOOD, setText(OPT_MODE, "8-bit Grayscale"));
-    for (int p = 0; p < 2; ++p)
-        put(p ? "Defaultscan.pxm.1" : "Defaultscan.pxm", zlibPage(1, 300, 24, 10, pattern(1, 24, 10, 64 * p)));
-    for (int p = 0; p < 2; ++p) {
-        st::Page feeder;
-        ASSERT_EQ(SANE_STATUS_GOOD, scan(feeder)) << p;
-        EXPECT_EQ(24, feeder.params.bytes_per_line);
-        EXPECT_TRUE(pattern(1, 24, 10, 64 * p) == feeder.data) << p;
-    }
-    EXPECT_EQ(SANE_STATUS_NO_DOCS, sane.start(h));
-    EXPECT_FALSE(exists(job));
-    sane.close(h);
 }

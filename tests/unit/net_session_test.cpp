@@ -1,8 +1,7 @@
 // Network scans through the entry points of the built library, in a network
-// namespace of the test process's own, with the simulated scan program: a
-// failing program or a broken page gives a status, the scan directory is
-// removed and the page counter reset, so the next scan of the same session
-// runs the program again and works; no descriptor is left behind.
+// namespace of the test process's own, with the simulated scan program: the
+// pages of a feeder job and its end, a failing program or a broken page with
+// its status, after which the next scan works; no descriptor is left behind.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -60,6 +59,16 @@ protected:
     void setInt(int option, SANE_Int value) {
         ASSERT_EQ(SANE_STATUS_GOOD, st::sane().control_option(h, option, SANE_ACTION_SET_VALUE, &value, nullptr));
     }
+    // Starts a scan and reads its page to the end.
+    SANE_Status scan(st::Page& page) {
+        const SANE_Status s = st::sane().start(h);
+        if (s == SANE_STATUS_GOOD) {
+            EXPECT_EQ(SANE_STATUS_GOOD, st::sane().get_parameters(h, &page.params));
+            st::readPage(h, 4096, page);
+            EXPECT_EQ(SANE_STATUS_EOF, page.end);
+        }
+        return s;
+    }
 
     static bool bPrivate;
     static std::string szWhy;
@@ -110,12 +119,9 @@ TEST_P(NetFailure, StatusDirectoryRemovedNextScanWorks) {
     dir.setJob("width 40\nheight 16\npages 2\n");
     set(OPT_MODE, "8-bit Grayscale");
     setInt(OPT_SCAN_RESOLUTION, 300);
-    ASSERT_EQ(SANE_STATUS_GOOD, st::sane().start(h)) << "after status " << failed;
-    EXPECT_EQ(2u, dir.runs().size());
     st::Page page;
-    ASSERT_EQ(SANE_STATUS_GOOD, st::sane().get_parameters(h, &page.params));
-    st::readPage(h, 4096, page);
-    EXPECT_EQ(SANE_STATUS_EOF, page.end);
+    ASSERT_EQ(SANE_STATUS_GOOD, scan(page)) << "after status " << failed;
+    EXPECT_EQ(2u, dir.runs().size());
     const qt::NetImage want = qt::netPage(qt::NET_GRAY, 40, 16);
     EXPECT_EQ(40, page.params.pixels_per_line);
     EXPECT_EQ(16, page.params.lines);
@@ -138,15 +144,23 @@ INSTANTIATE_TEST_SUITE_P(
                       Failure{"WicketBandLargerThanData", COLOR, 1200, "family 14\nsize 1 4096 4096\n", IO}),
     [](const ::testing::TestParamInfo<Failure>& info) { return std::string(info.param.szName); });
 
-// Side files are optional: without one the first page is taken as it is.
-TEST_F(NetSession, MissingSideFileIsTolerated) {
-    set(OPT_MODE, "8-bit Grayscale");
-    dir.setJob("width 24\nheight 8\nrotate 180\nno_side 0\n");
-    ASSERT_EQ(SANE_STATUS_GOOD, st::sane().start(h));
-    st::Page page;
-    st::readPage(h, 4096, page);
-    EXPECT_EQ(SANE_STATUS_EOF, page.end);
-    EXPECT_TRUE(page.data == qt::netPage(qt::NET_GRAY, 24, 8).data);
+// The pages of a feeder job come from one run of the program, the page after
+// the last is "no more documents", and the job leaves nothing behind.
+TEST_F(NetSession, FeederJobEndsWithNoDocuments) {
+    set(OPT_MODE, COLOR);
+    dir.setJob("width 40\nheight 30\npages 2\n");
+    for (int p = 1; p <= 2; ++p) {
+        st::Page page;
+        ASSERT_EQ(SANE_STATUS_GOOD, scan(page)) << p;
+        EXPECT_EQ(SANE_FRAME_RGB, page.params.format);
+        EXPECT_EQ(40, page.params.pixels_per_line);
+        EXPECT_EQ(30, page.params.lines);
+        EXPECT_EQ(120, page.params.bytes_per_line);
+        EXPECT_TRUE(page.data == qt::netPage(qt::NET_COLOR, 40, 30, p).data) << p;
+    }
+    EXPECT_EQ(SANE_STATUS_NO_DOCS, st::sane().start(h));
+    EXPECT_EQ(1u, dir.runs().size());
+    EXPECT_FALSE(qt::fileExists(dir.scanDir()));
 }
 
 }  // namespace
