@@ -43,8 +43,10 @@ public:
     }
 
     // scanimage in the backend's namespace, with the job file in its environment.
-    int scanimage(const std::vector<std::string>& args, std::string* out, std::string* err) const {
-        return sane.scanimage(args, out, err, {dir.jobVariable()}, 120);
+    int scanimage(const std::vector<std::string>& args, std::string* out, std::string* err,
+                  std::vector<std::string> env = {}) const {
+        env.push_back(dir.jobVariable());
+        return sane.scanimage(args, out, err, env, 120);
     }
 
     // The argument vector of the program's one run; empty, and a test failure,

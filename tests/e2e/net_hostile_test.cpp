@@ -28,11 +28,17 @@ std::vector<std::string> withoutRecord(const e2e::NetRig& rig) {
     return files;
 }
 
-// Runs the scan; it must be refused without the program running.
-void expectRefusedWithoutCommand(const e2e::NetRig& rig, const std::vector<std::string>& args) {
+// Runs the scan; it must be refused without the program running. When
+// refusal is given, the backend's log must say so.
+void expectRefusedWithoutCommand(const e2e::NetRig& rig, const std::vector<std::string>& args,
+                                 const std::string& refusal = "") {
     const std::vector<std::string> before = withoutRecord(rig);
     std::string out, err;
-    const int rc = rig.scanimage(args, &out, &err);
+    const int rc = rig.scanimage(args, &out, &err, refusal.empty() ? std::vector<std::string>{}
+                                                                     : std::vector<std::string>{"ENABLE_SL_LOG=1"});
+    if (!refusal.empty()) {
+        EXPECT_NE(std::string::npos, err.find(refusal)) << err.substr(0, 8000);
+    }
     EXPECT_NE(0, rc) << err;
     EXPECT_LT(rc, 128) << "scanimage ended by a signal\n" << err;
     EXPECT_NE(std::string::npos, err.find("Invalid argument")) << err;
@@ -102,6 +108,19 @@ TEST(NetHostileScanDir, QuotedNotInterpreted) {
     EXPECT_FALSE(qt::fileExists(rig.dir.file(MARKER))) << "an injected command ran";
     EXPECT_EQ(before, withoutRecord(rig));
     e2e::expectFrame(out, err, qt::netPage(qt::NET_GRAY, 16, 4));
+}
+
+// A reply whose address holds shell syntax lists a device that cannot be
+// scanned: the address the listing recorded is refused when the scan starts.
+TEST(NetHostileReply, AddressRefusedAtScanTime) {
+    e2e::NetRig rig(qt::NetLab::WITH_DEVICE_HOST, e2e::netSwitches(true));
+    NET_RIG_OR_SKIP(rig);
+    qt::writeFile(rig.dir.file("net.scn"),
+                  "reply\n  txt IPADDRESS 192.0.2.9;touch m\n  txt MACUAA 0080C2A1B3F4\n"
+                  "  txt 1284STRID MFG:Tarvesk;MDL:Quarto 5100 Ethernet;\n");
+    ASSERT_TRUE(rig.lab.startResponder(rig.dir.file("net.scn"), rig.dir.file("netsim.log"))) << rig.lab.whyNot();
+    expectRefusedWithoutCommand(rig, grayScan("quarto:libnet/00014385CD2F", {}),
+                                "ip address [192.0.2.9;touch m] is not a dotted IPv4 address");
 }
 
 }  // namespace
