@@ -941,6 +941,7 @@ int IOComm::readImagesIntoFiles() {
     // A page is taken back whole into memory, at most INT_MAX bytes.
     const unsigned long pageLimit = (unsigned long)std::min(imageByteLimit(), (long)INT_MAX);
     unsigned long pageBytes = 0;
+    int emptyRun = 0;  // messages in a row that brought no page bytes
     while (!stop) {
         unsigned char* raw = nullptr;
         unsigned int len = 0;
@@ -953,10 +954,11 @@ int IOComm::readImagesIntoFiles() {
             break;
         }
         LOG_DEBUG("scan record status: 0x%x", status);
+        unsigned int fragment = 0;
         switch ((unsigned)status) {
         case RECORD_IN_PROGRESS: {
             LOG_DEBUG("scan in progress");
-            unsigned int fragment = len > (unsigned)RECORD_PAYLOAD_OFFSET ? len - RECORD_PAYLOAD_OFFSET : 0u;
+            fragment = len > (unsigned)RECORD_PAYLOAD_OFFSET ? len - RECORD_PAYLOAD_OFFSET : 0u;
             LOG_DEBUG("page fragment first 100 bytes");
             LOG_DUMP(raw + RECORD_PAYLOAD_OFFSET, (int)std::min(fragment, (unsigned)USB_FRAGMENT_DUMP));
             pageBytes += fragment;
@@ -1018,6 +1020,12 @@ int IOComm::readImagesIntoFiles() {
             LOG_DEBUG("unknown status");
             stop = true;
             break;
+        }
+        if (fragment > 0) {
+            emptyRun = 0;
+        } else if (!stop && ++emptyRun == USB_MAX_EMPTY_MESSAGES) {
+            LOG_ERROR("[ERROR] %d messages in a row without page data: job ended", emptyRun);
+            stop = true;
         }
     }
 

@@ -30,6 +30,11 @@ const long USB_CONSUME_TIMEOUT_MS = 5000;
 // Most chunks the drain after a multi-page job reads (512 MiB), so that a
 // device that never stops sending cannot hold the session forever.
 const int USB_CONSUME_MAX_CHUNKS = 65536;
+// Most messages in a row without page bytes that the multi-page reader takes.
+// A job sends at most a page end and a page start between two pages' data, so
+// a longer run comes from a device that would otherwise hold the session for
+// as long as it keeps sending markers.
+const int USB_MAX_EMPTY_MESSAGES = 1024;
 // Bytes of each page fragment shown in the log.
 const int USB_FRAGMENT_DUMP = 100;
 // Room of the bus and device file names (16 characters and the terminator).

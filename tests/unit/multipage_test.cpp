@@ -169,6 +169,8 @@ INSTANTIATE_TEST_SUITE_P(
                       JobCase{"CommunicationError", {"1b53020002000000 0600"}, 1, ONE, 1},
                       JobCase{"UnknownStatus", {"1b53020002000000 0a00"}, 1, ONE, 1},
                       JobCase{"NotAScanRecord", {"1b44040000008002"}, 1, ONE, 1},
+                      JobCase{"MarkersWithoutEnd", std::vector<const char*>(USB_MAX_EMPTY_MESSAGES, PAGE_START), 1,
+                              ONE, 1},
                       JobCase{"FetchFails", {}, 1, ONE, -1},
                       JobCase{"DataPartNeverComplete", {"1b53020010000000 0000 4142"}, 1, ONE, -1}),
     [](const ::testing::TestParamInfo<JobCase>& info) { return std::string(info.param.szName); });
