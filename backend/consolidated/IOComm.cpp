@@ -1068,16 +1068,17 @@ int IOComm::ReadImage(int* length, DataBuffer* buffer, ImageData* image) {
         return COMM_STATUS_INVALID_ARG;
     }
     int rc;
-    // A compressed job collected at the start is read out without asking the
-    // command object again for every piece: the start decided on the mode
-    // with the same question, and its option look-ups and log lines cost more
-    // than handing the piece out. While pages of a feeder job are cached, the
-    // command object decides as before; a cached page of a compressed job is
-    // its band stream, decoded as it is handed out.
-    if (bMultiPage && pBands == nullptr && pCommand->getCompression() == COMPRESSION_ON)
-        rc = readCompressedCachedPage(length, buffer);
-    else if ((pBands != nullptr && !bMultiPage) || pCommand->getCompression() == COMPRESSION_ON)
+    // Bands being handed out (a compressed job collected at the start, or the
+    // cached page of a compressed feeder job taken in this session) are read
+    // out without asking the command object again for every piece: the mode
+    // was decided with the same question when they were collected or taken,
+    // and its option look-ups and log lines cost more than handing the piece
+    // out. Otherwise the command object decides; a cached page of a
+    // compressed job is its band stream, decoded as it is handed out.
+    if (pBands != nullptr)
         rc = readDecompressedImage(length, buffer);
+    else if (pCommand->getCompression() == COMPRESSION_ON)
+        rc = bMultiPage ? readCompressedCachedPage(length, buffer) : readDecompressedImage(length, buffer);
     else if (bMultiPage)
         rc = readCachedPage(length, buffer);
     else
