@@ -15,10 +15,6 @@ const int BYTE_STUFFING_ON = 1;
 const int BITS_PER_CHANNEL = 8;
 const long OUTPUT_EXPANSION = 5;  // output area = (pad + chunk) x lines per band x 5
 
-struct FreeDeleter {
-    void operator()(unsigned char* p) const { free(p); }
-};
-
 }  // namespace
 
 DeCompHandler::DeCompHandler() = default;

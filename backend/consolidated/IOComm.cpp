@@ -143,8 +143,6 @@ void widenLines(unsigned char* buf, long lines, long bandStride, long rowBytes) 
 
 }  // namespace
 
-void IOComm::FreeDeleter::operator()(unsigned char* p) const { free(p); }
-
 // One band header of a compressed job.
 struct IOComm::BandHeader {
     int iSize = 0;  // the size field, header included

@@ -14,6 +14,7 @@
 
 #include "CLogger.h"
 #include "ICommunication.h"
+#include "util.h"
 
 // Chunk size of every scan data read.
 const int USB_CHUNK_SIZE = 8192;
@@ -98,9 +99,6 @@ public:
     const char* getDev() const { return cDev; }
 
 private:
-    struct FreeDeleter {
-        void operator()(unsigned char* p) const;
-    };
     // Reads a vendor (98) or product (99) string of dev into buffer.
     int getNameDev(struct usb_device* dev, usb_dev_handle* handle, char* buffer, int size, int kind);
     void refreshBusses();

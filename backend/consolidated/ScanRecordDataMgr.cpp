@@ -104,9 +104,6 @@ bool ScanRecordDataMgr::takePage(unsigned char** data, unsigned int* length) {
         close(fd);
         return false;
     }
-    struct FreeDeleter {
-        void operator()(unsigned char* p) const { free(p); }
-    };
     std::unique_ptr<unsigned char, FreeDeleter> bytes((unsigned char*)malloc(size > 0 ? (size_t)size : 1u));
     if (!bytes) {
         close(fd);

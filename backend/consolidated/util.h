@@ -5,7 +5,14 @@
 
 #include <pthread.h>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
+
+// Deleter of a std::unique_ptr that owns a malloc'ed block, such as one an
+// interface hands across for the receiver to free.
+struct FreeDeleter {
+    void operator()(void* p) const { free(p); }
+};
 
 int utilCopyMacTextToBytes(const char* text, unsigned char* out);
 int utilInitFastMutex(pthread_mutex_t* mutex);
