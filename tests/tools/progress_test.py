@@ -102,5 +102,16 @@ class OnlyARegularFile(unittest.TestCase):
                 self.assertIn(b"not a regular file", run.stderr, path)
 
 
+class StandardStreams(unittest.TestCase):
+    def test_stderr_stays_open_when_the_data_file_is_descriptor_0(self):
+        with tempfile.NamedTemporaryFile() as f:
+            env = dict(os.environ)
+            env.pop("DISPLAY", None)
+            run = subprocess.run([sys.executable, PROGRAM, f.name], env=env, capture_output=True, timeout=60,
+                                 preexec_fn=lambda: os.close(0))
+            self.assertEqual(run.returncode, 1)
+            self.assertIn(b"quarto-progress: ", run.stderr)
+
+
 if __name__ == "__main__":
     unittest.main()
