@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -97,12 +98,11 @@ public:
         return true;
     }
     bool write(const uint8_t* data, size_t len) {
-        while (len > 0) {
-            ssize_t n = ::write(iFd, data, len);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return fail("write");
-            data += n;
-            len -= size_t(n);
+        // writeDataToFile takes at most UINT_MAX bytes at a time.
+        for (size_t done = 0; done < len;) {
+            const unsigned n = unsigned(std::min<size_t>(len - done, UINT_MAX));
+            if (writeDataToFile(iFd, data + done, n) != 0) return fail("write");
+            done += n;
         }
         return true;
     }
