@@ -572,16 +572,13 @@ bool NetComm::acceptDevice(const NValueObjects& device, const char* manufacturer
 }
 
 ssize_t NetComm::sendQuery(int fd) {
-    unsigned char* packet = nullptr;
-    int length = createMdnsPacket(&packet);
     struct sockaddr_in to;
     memset(&to, 0, sizeof(to));
     to.sin_family = AF_INET;
     to.sin_port = htons(NET_DISCOVERY_PORT);
     to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    ssize_t sent = packet ? sendto(fd, packet, (size_t)length, 0, (struct sockaddr*)&to, sizeof(to)) : -1;
-    free(packet);
-    return sent;
+    // The constant query itself: no heap copy (createMdnsPacket's) is needed to send it.
+    return sendto(fd, MDNS_QUERY, sizeof(MDNS_QUERY), 0, (struct sockaddr*)&to, sizeof(to));
 }
 
 int NetComm::getScanners(char*** list, int* count, void* conf) {
