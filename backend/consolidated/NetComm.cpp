@@ -711,16 +711,14 @@ NValueObjects* NetComm::getScanner(char* name) {
     LOG_DEBUG("reading mDNS response");
     // Each receive waits at most 5 seconds, and all of them together no longer
     // either: replies that keep coming cannot hold the caller.
-    struct timeval start;
-    gettimeofday(&start, nullptr);
+    // Measured on the same clock as getScanners: setting the time of day
+    // cannot stretch the wait.
+    const long long deadline = monotonicMillis() + NET_DISCOVERY_SECONDS * 1000LL;
     NValueObjects* found = nullptr;
     while (found == nullptr) {
-        struct timeval now;
-        gettimeofday(&now, nullptr);
-        long elapsed = (now.tv_sec - start.tv_sec) * 1000000L + (now.tv_usec - start.tv_usec);
-        long left = NET_DISCOVERY_SECONDS * 1000000L - elapsed;
+        const long long left = deadline - monotonicMillis();
         if (left <= 0) break;
-        struct timeval tv = {left / 1000000L, left % 1000000L};
+        struct timeval tv = {(time_t)(left / 1000), (suseconds_t)(left % 1000 * 1000)};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
         unsigned char reply[NET_REPLY_SIZE];
         ssize_t n = recv(fd, reply, sizeof(reply), 0);
