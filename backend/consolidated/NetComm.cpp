@@ -1157,19 +1157,25 @@ FILE* NetComm::writeDataToFile(const unsigned char* data, long length, const std
     // afresh and never through a link.
     unlink(path.c_str());
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    FILE* f = fd >= 0 ? fdopen(fd, "wb+") : nullptr;
+    if (fd < 0) {
+        LOG_DEBUG("writeDataToFile::Cannot open pxm file.");
+        return nullptr;
+    }
+    // Written through the descriptor by the shared write loop, then handed out
+    // as a stream at the file's start.
+    if (length < 0 || (unsigned long)length > UINT_MAX || ::writeDataToFile(fd, data, (unsigned)length) != 0) {
+        LOG_DEBUG("writeDataToFile::Error writing image data to file");
+        close(fd);
+        return nullptr;
+    }
+    FILE* f = fdopen(fd, "rb+");
     if (f == nullptr) {
-        if (fd >= 0) close(fd);
+        close(fd);
         LOG_DEBUG("writeDataToFile::Cannot open pxm file.");
         return nullptr;
     }
     if (fseek(f, 0, SEEK_SET) != 0) {
         LOG_DEBUG("writeDataToFile:: Error in fseek");
-        fclose(f);
-        return nullptr;
-    }
-    if (length < 0 || fwrite(data, 1, (size_t)length, f) != (size_t)length || fflush(f) != 0) {
-        LOG_DEBUG("writeDataToFile::Error writing image data to file");
         fclose(f);
         return nullptr;
     }
