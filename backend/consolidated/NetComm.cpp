@@ -572,16 +572,13 @@ bool NetComm::acceptDevice(const NValueObjects& device, const char* manufacturer
 }
 
 ssize_t NetComm::sendQuery(int fd) {
-    unsigned char* packet = nullptr;
-    int length = createMdnsPacket(&packet);
     struct sockaddr_in to;
     memset(&to, 0, sizeof(to));
     to.sin_family = AF_INET;
     to.sin_port = htons(NET_DISCOVERY_PORT);
     to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    ssize_t sent = packet ? sendto(fd, packet, (size_t)length, 0, (struct sockaddr*)&to, sizeof(to)) : -1;
-    free(packet);
-    return sent;
+    // The constant query itself: no heap copy (createMdnsPacket's) is needed to send it.
+    return sendto(fd, MDNS_QUERY, sizeof(MDNS_QUERY), 0, (struct sockaddr*)&to, sizeof(to));
 }
 
 int NetComm::getScanners(char*** list, int* count, void* conf) {
@@ -714,16 +711,14 @@ NValueObjects* NetComm::getScanner(char* name) {
     LOG_DEBUG("reading mDNS response");
     // Each receive waits at most 5 seconds, and all of them together no longer
     // either: replies that keep coming cannot hold the caller.
-    struct timeval start;
-    gettimeofday(&start, nullptr);
+    // Measured on the same clock as getScanners: setting the time of day
+    // cannot stretch the wait.
+    const long long deadline = monotonicMillis() + NET_DISCOVERY_SECONDS * 1000LL;
     NValueObjects* found = nullptr;
     while (found == nullptr) {
-        struct timeval now;
-        gettimeofday(&now, nullptr);
-        long elapsed = (now.tv_sec - start.tv_sec) * 1000000L + (now.tv_usec - start.tv_usec);
-        long left = NET_DISCOVERY_SECONDS * 1000000L - elapsed;
+        const long long left = deadline - monotonicMillis();
         if (left <= 0) break;
-        struct timeval tv = {left / 1000000L, left % 1000000L};
+        struct timeval tv = {(time_t)(left / 1000), (suseconds_t)(left % 1000 * 1000)};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
         unsigned char reply[NET_REPLY_SIZE];
         ssize_t n = recv(fd, reply, sizeof(reply), 0);
@@ -1162,19 +1157,25 @@ FILE* NetComm::writeDataToFile(const unsigned char* data, long length, const std
     // afresh and never through a link.
     unlink(path.c_str());
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    FILE* f = fd >= 0 ? fdopen(fd, "wb+") : nullptr;
+    if (fd < 0) {
+        LOG_DEBUG("writeDataToFile::Cannot open pxm file.");
+        return nullptr;
+    }
+    // Written through the descriptor by the shared write loop, then handed out
+    // as a stream at the file's start.
+    if (length < 0 || (unsigned long)length > UINT_MAX || ::writeDataToFile(fd, data, (unsigned)length) != 0) {
+        LOG_DEBUG("writeDataToFile::Error writing image data to file");
+        close(fd);
+        return nullptr;
+    }
+    FILE* f = fdopen(fd, "rb+");
     if (f == nullptr) {
-        if (fd >= 0) close(fd);
+        close(fd);
         LOG_DEBUG("writeDataToFile::Cannot open pxm file.");
         return nullptr;
     }
     if (fseek(f, 0, SEEK_SET) != 0) {
         LOG_DEBUG("writeDataToFile:: Error in fseek");
-        fclose(f);
-        return nullptr;
-    }
-    if (length < 0 || fwrite(data, 1, (size_t)length, f) != (size_t)length || fflush(f) != 0) {
-        LOG_DEBUG("writeDataToFile::Error writing image data to file");
         fclose(f);
         return nullptr;
     }
