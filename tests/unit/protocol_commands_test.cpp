@@ -189,7 +189,15 @@ INSTANTIATE_TEST_SUITE_P(
                   {"SCAN_SOURCE", 0}, {"DOCUMENTSOURCE", 3}, {"BRIGHTNESS", 2}, {"CONTRAST", 1}},
                  false, 3,
                  "1B 53 05 00 2F 00 80 00 | 03 01 4B 02 | F6 09 00 00 | E4 0C 00 00 | 0C 00 00 00 | 22 00 00 00 |"
-                 "B0 04 B0 04 | 01 | 00 00 00 00 00 00 00 00 | 00 01 | 00 00 | 05 04 08 00 | 00 00 00 00 00 00"}),
+                 "B0 04 B0 04 | 01 | 00 00 00 00 00 00 00 00 | 00 01 | 00 00 | 05 04 08 00 | 00 00 00 00 00 00"},
+        // Box kind 0: brightness, contrast and sharpness offsets of its own.
+        FullCase{"cmd500BoxZeroGreyFromFeeder", 500, 1, 0,
+                 {{"CONNECTION", 1}, {"COLORDEPTH", 1}, {"CURRENTDPI", 600}, {"CONTENTTYPE", 0},
+                  {"PIXELS_PER_LINE", 0x01020304}, {"LINES", 5}, {"SCAN_SOURCE", 1}, {"DOCUMENTSOURCE", 9},
+                  {"BRIGHTNESS", 2}, {"CONTRAST", 1}, {"BKGREMOVAL", -2}},
+                 false, 3,
+                 "1B 53 05 00 2F 00 80 00 | 02 00 00 01 | 04 03 02 01 | 05 00 00 00 | 00 00 00 00 | 00 00 00 00 |"
+                 "58 02 58 02 | 04 | 00 00 00 00 00 00 00 00 | 01 FE | 00 00 | 06 01 09 03 | 00 00 00 00 00 00"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct DropoutCase {
