@@ -87,12 +87,11 @@ const Bytes COLOUR = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};  // 2 x 2
 INSTANTIATE_TEST_SUITE_P(
     Cases, ImageRotation,
     ::testing::Values(RotationCase{3, 2, 1, 90, GREY, {3, 6, 2, 5, 1, 4, 0}},
-                      RotationCase{3, 2, 1, 270, GREY, {3, 6, 2, 5, 1, 4, 0}},
                       RotationCase{3, 2, 1, 90, {1, 2, 3, 4}, {3, 0, 2, 0, 1, 0, 0}},
                       RotationCase{2, 2, 2, 180, COLOUR, {0, 0, 0, 10, 11, 12, 7, 8, 9, 4, 5, 6, 1, 2, 3}},
                       RotationCase{2, 2, 2, 180, Bytes(COLOUR.begin(), COLOUR.begin() + 8),
                                    {0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 5, 6, 1, 2, 3}},
-                      RotationCase{2, 2, 2, 270, {}, Bytes(15, 0)}));
+                      RotationCase{3, 2, 1, 270, GREY, {3, 6, 2, 5, 1, 4, 0}}));
 
 TEST(ImageRotation, RefusesOtherAnglesNoFileAndEmptyImages) {
     Image image(3, 2, 1);

@@ -51,9 +51,8 @@ TEST_P(LevelSwitch, OnlyTheExactTextOneEnablesALevel) {
 
 INSTANTIATE_TEST_SUITE_P(
     Logger, LevelSwitch,
-    ::testing::Values(SwitchCase{DEBUG, "1", true}, SwitchCase{DEBUG, "true", false}, SwitchCase{DEBUG, "", false},
-                      SwitchCase{DEBUG, " 1", false}, SwitchCase{DEBUG, "11", false}, SwitchCase{DEBUG, nullptr, false},
-                      SwitchCase{INFO, "1", true}, SwitchCase{INFO, "yes", false}, SwitchCase{INFO, nullptr, false},
+    ::testing::Values(SwitchCase{DEBUG, "1", true}, SwitchCase{DEBUG, "true", false}, SwitchCase{DEBUG, "11", false},
+                      SwitchCase{DEBUG, nullptr, false}, SwitchCase{INFO, "1", true}, SwitchCase{INFO, "yes", false},
                       SwitchCase{ERROR, "1", true}, SwitchCase{ERROR, "1 ", false}));
 
 TEST(Logger, SwitchIsReadOnEveryCall) {
@@ -81,11 +80,9 @@ TEST_P(PercentM, ExpandsOnlyPercentM) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Logger, PercentM,
-                         ::testing::Values(PercentCase{"open: %m", "open: <unknown error>"},
-                                           PercentCase{"%m%m", "<unknown error><unknown error>"},
+                         ::testing::Values(PercentCase{"%m%m", "<unknown error><unknown error>"},
                                            PercentCase{"%%m", "%%m"}, PercentCase{"%%%m", "%%<unknown error>"},
-                                           PercentCase{"%d %s %%", "%d %s %%"}, PercentCase{"m%", "m%"},
-                                           PercentCase{"", ""}));
+                                           PercentCase{"m%", "m%"}));
 
 TEST(Logger, FormatIsCutTo1023Characters) {
     std::string fmt(1500, 'a');
@@ -143,15 +140,7 @@ TEST_P(Dump, ShowsTheSizeThen33BytesALine) {
     EXPECT_EQ(expected, cap.finish());
 }
 
-INSTANTIATE_TEST_SUITE_P(Logger, Dump, ::testing::Values(0, 1, 33, 34, 67));
-
-TEST(Logger, DumpStaysQuietUnlessEnabled) {
-    const unsigned char data[] = {0xAB, 0x0F, 0xFF};
-    qt::ScopedEnv env("ENABLE_SL_LOG", "true");
-    qt::StderrCapture cap;
-    CLogger().log_dump(data, 3);
-    EXPECT_EQ("", cap.finish());
-}
+INSTANTIATE_TEST_SUITE_P(Logger, Dump, ::testing::Values(0, 33, 67));
 
 std::string logFromFreeFunction(int* line) {
     qt::StderrCapture cap;
@@ -230,10 +219,8 @@ INSTANTIATE_TEST_SUITE_P(
     Util, MacText,
     ::testing::Values(MacCase{"00215A3bCcDd", 12, {0x00, 0x21, 0x5A, 0x3B, 0xCC, 0xDD}},
                       MacCase{"abc", 3, {0xAB, 0xC0}},       // odd length: terminator as low nibble
-                      MacCase{"GZ", 2, {0x03}},              // 'G' 16 & 15 = 0, 'Z' 35 & 15 = 3
                       MacCase{"!:", 2, {0x1A}},              // '!' -15 & 15 = 1, ':' 10
-                      MacCase{"00:11", 5, {0x00, 0xA1, 0x10}},  // separators are not skipped
-                      MacCase{"", 0, {}}, MacCase{nullptr, 0, {}}));
+                      MacCase{nullptr, 0, {}}));
 
 struct TwoCharCase {
     const char* text;
@@ -250,10 +237,8 @@ TEST_P(TwoChars, ParsesBase16) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Util, TwoChars,
-                         ::testing::Values(TwoCharCase{"ab", 1, 0xAB}, TwoCharCase{"7F", 1, 0x7F},
-                                           TwoCharCase{"0", 1, 0}, TwoCharCase{" 1g", 1, 1},
-                                           TwoCharCase{"zz", -1, -99}, TwoCharCase{"", -1, -99},
-                                           TwoCharCase{"fffffffffffffffffffff", -1, -99}));
+                         ::testing::Values(TwoCharCase{"ab", 1, 0xAB}, TwoCharCase{" 1g", 1, 1},
+                                           TwoCharCase{"zz", -1, -99}, TwoCharCase{"fffffffffffffffffffff", -1, -99}));
 
 struct TextCase {
     const char* text;
@@ -278,12 +263,9 @@ TEST_P(BytesFromText, SkipsCommentsAndNonHexAndDropsALoneDigit) {
 
 INSTANTIATE_TEST_SUITE_P(
     Util, BytesFromText,
-    ::testing::Values(TextCase{"/* 12 */ 3 4 5", {0x34}}, TextCase{"a b", {0xAB}},
-                      TextCase{"de:ad:BE:ef", {0xDE, 0xAD, 0xBE, 0xEF}},
+    ::testing::Values(TextCase{"/* 12 */ 3 4 5", {0x34}}, TextCase{"de:ad:BE:ef", {0xDE, 0xAD, 0xBE, 0xEF}},
                       TextCase{"0x12", {0x01}},  // 'x' is skipped, the final 2 is alone
-                      TextCase{"1/* 99 */2", {0x12}}, TextCase{"12 /* 34", {0x12}},
-                      TextCase{"/**/ff/*x*//*y*/00", {0xFF, 0x00}}, TextCase{"1b 1B\n0a\t", {0x1B, 0x1B, 0x0A}},
-                      TextCase{"ghij", {}}, TextCase{"", {}}, TextCase{"7", {}},
+                      TextCase{"1/* 99 */2", {0x12}}, TextCase{"12 /* 34", {0x12}}, TextCase{"7", {}},
                       TextCase{nullptr, {}}));
 
 TEST(Util, TextFromBytesLayout) {
@@ -296,8 +278,6 @@ TEST(Util, TextFromBytesLayout) {
     for (int i = 0; i < 32; ++i) row32 += "00 ";
     std::vector<Case> cases = {
         {{}, "", 2},
-        {{0xAB}, "\nab ", 5},
-        {Bytes(32, 0), "\n" + row32, 1 + 96 + 2},
         {Bytes(33, 0), "\n" + row32 + "\n00 ", 1 + 99 + 2},
         {Bytes(64, 0), "\n" + row32 + "\n" + row32, 2 + 192 + 2},
     };
@@ -350,8 +330,7 @@ TEST_P(ShellQuote, QuotesAndSurvivesTheShell) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Util, ShellQuote,
-                         ::testing::Values(std::make_pair("abc", "'abc'"), std::make_pair("", "''"),
-                                           std::make_pair("it's", "'it'\\''s'"),
+                         ::testing::Values(std::make_pair("", "''"), std::make_pair("it's", "'it'\\''s'"),
                                            std::make_pair("''", "''\\'''\\'''"),
                                            std::make_pair("$(echo hi); `id` \"a\" \\n *", "'$(echo hi); `id` \"a\" \\n *'"),
                                            std::make_pair("a\nb", "'a\nb'")));
