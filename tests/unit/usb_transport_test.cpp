@@ -540,6 +540,16 @@ TEST_F(Open326, FetchDataKeepsTheSurplusAndRereadsItsStart) {
     EXPECT_EQ(15, comm->fetchData(1, out.data()));
 }
 
+// A message whose data part never comes fails whole: nothing is handed out.
+// (Messages split over transfers are read by the multi-page reader's tests.)
+TEST_F(Open326, FetchMessageWhoseDataPartNeverCompletesFails) {
+    inject({0x1B, 0x53, 0x02, 0x00, 0x05, 0x00, 0x80, 0x00, 0x01});
+    unsigned char* msg = nullptr;
+    unsigned int len = 0;
+    EXPECT_EQ(15, comm->fetchMessage(&msg, &len)) << "the data part never completes";
+    EXPECT_EQ(nullptr, msg);
+}
+
 // ------------------------------------------------------------ scan data stream
 
 // Transfers in, expected result and image bytes out (Cmd326: 9-byte headers,
