@@ -185,18 +185,6 @@ TEST_F(MultiPage, MessagesAreFramedByTheirHeaderForEveryCommandClass) {
     }
 }
 
-// Without the multi-page flag, or from the flatbed, nothing is read.
-TEST_F(MultiPage, OnlyAFeederJobWithTheFlagIsRead) {
-    send({JOB_START, COMPLETE});
-    for (auto flagAndSource : {std::make_pair(0, 1), std::make_pair(1, 0)}) {
-        store.SetIntOption("USB_MULTIPAGE_FLAG", flagAndSource.first);
-        store.SetIntOption("SCAN_SOURCE", flagAndSource.second);
-        EXPECT_EQ(0, comm->consumeScannerData());
-        EXPECT_EQ(2, usbsim_queued(0));
-        EXPECT_EQ("", comm->getJobDirectory());
-    }
-}
-
 // The job directory is private, made by the first job and gone with the
 // transport together with the pages nobody took; a transport that never ran
 // a job (as enumeration makes them) neither sees nor clears those pages.
