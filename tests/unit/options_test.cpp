@@ -1,7 +1,6 @@
 // The option table, option control and frame parameters as a front end meets
 // them: through the exported entry points of the built library, opened against
 // the simulated scanner (USB) or as the network placeholder device.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sane/sane.h>
