@@ -1,7 +1,6 @@
 // The option table, option control and frame parameters as a front end meets
 // them: through the exported entry points of the built library, opened against
 // the simulated scanner (USB) or as the network placeholder device.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sane/sane.h>
@@ -345,20 +344,10 @@ const Strings NET_SIZES = {
     "Universal", OFICIO,         "Custom Scan Size 1", "Custom Scan Size 2", "Custom Scan Size 3",
     "Custom Scan Size 4", "Custom Scan Size 5", "Custom Scan Size 6"};
 
+// The 5100's lists are those scanimage -A shows (e2e options test).
 INSTANTIATE_TEST_SUITE_P(
     Models, OptionLists,
     ::testing::Values(
-        // Custom sizes follow the built-in ones; a long name is cut to 49 bytes.
-        ListCase{DEV_5100,
-                 {75, 182, 300, 600},
-                 MODES,
-                 {"Black and White Laser", "Color Laser", "Inkjet Plain", "Inkjet Glossy", "Retail Photo", "Magazine",
-                  "Newspaper", "Brochure"},
-                 plus(ISD_FLATBED_SIZES, {"Index Card", "A name much longer than the option value can hold"}),
-                 {"Portrait"},
-                 {"Flatbed", "Automatic Document Feeder"},
-                 BKG_LIST,
-                 {{O_BRIGHT, -2, 2}, {O_CONTRAST, -2, 2}, {O_THRESHOLD, 0, 254}}},
         // Depth codes 0, 1, 1, 1: the last pair writes two modes, the third
         // slot keeps colour from the first. The document types are the device's
         // bits 0, 1 and 3; a custom size without a name gets the built-in one.
@@ -479,25 +468,19 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         word(DEV_5100, O_RES, 182, SANE_STATUS_GOOD, SANE_INFO_RELOAD_PARAMS, 182),
         word(DEV_5100, O_RES, 200, INVAL, 0, 0),  // not in the device's list
-        word(DEV_4200, O_RES, 150, SANE_STATUS_GOOD, SANE_INFO_RELOAD_PARAMS, 150),
         // FIXED: clamped into the range with INEXACT, the step not applied.
         word(DEV_5100, O_BRIGHT, SANE_FIX(12), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(2)),
         word(DEV_5100, O_BRIGHT, SANE_FIX(-7), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(-2)),
         word(DEV_5100, O_CONTRAST, SANE_FIX(-1), SANE_STATUS_GOOD, 0, SANE_FIX(-1)),
-        word(DEV_4200, O_BRIGHT, SANE_FIX(12), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(9)),
-        word(DEV_5100, O_THRESHOLD, SANE_FIX(300), SANE_STATUS_GOOD, SANE_INFO_INEXACT, SANE_FIX(254)),
         // BOOL: stored as given, read back shifted by 16 (intended).
         word(DEV_5100, O_MIRROR, SANE_TRUE, SANE_STATUS_GOOD, 0, 65536),
-        word(DEV_4200, O_NOW, SANE_TRUE, SANE_STATUS_GOOD, 0, 65536),
         // String lists: the entry's text, exactly.
         text(DEV_5100, O_MODE, "8-bit Grayscale", SANE_STATUS_GOOD, RELOAD, "8-bit Grayscale"),
         text(DEV_5100, O_MODE, "8-bit grayscale", INVAL, 0, nullptr),
         text(DEV_5100, O_MODE, "8-bit Grayscale ", INVAL, 0, nullptr),
         text(DEV_4200, O_SIZE, "Tabloid", SANE_STATUS_GOOD, RELOAD, "Tabloid"),
         text(DEV_5100, O_SIZE, "Tabloid", INVAL, 0, nullptr),  // not in this family's list
-        text(DEV_5100, O_ORIENT, "Landscape", INVAL, 0, nullptr),
         text(DEV_5100, O_DOCSRC, "Magazine", SANE_STATUS_GOOD, 0, "Magazine"),
-        text(DEV_4200, O_DOCSRC, "Inkjet Plain", SANE_STATUS_GOOD, 0, "Inkjet Plain"),
         text(DEV_4200, O_DOCSRC, "Magazine", INVAL, 0, nullptr),
         // Only the all-in-one family reloads on a source change.
         text(DEV_5100, O_SOURCE, "Automatic Document Feeder", SANE_STATUS_GOOD, RELOAD, "Automatic Document Feeder"),
@@ -505,16 +488,12 @@ INSTANTIATE_TEST_SUITE_P(
         text(DEV_5100, O_BKG, "Moderate", SANE_STATUS_GOOD, 0, "Moderate"),
         // Colour dropout is ignored over USB.
         text(DEV_5100, O_DROPOUT, "Red", SANE_STATUS_GOOD, 0, "None"),
-        text(DEV_5100, O_DROPOUT, "Purple", INVAL, 0, nullptr),
         // Names: letters, digits and '_' only.
         text(DEV_4200, O_USER, "scanner_7", SANE_STATUS_GOOD, 0, "scanner_7"),
         text(DEV_4200, O_USER, "bad-name", INVAL, 0, nullptr),
         text(DEV_4200, O_PROFILE, "", INVAL, 0, nullptr),
-        text(DEV_4200, O_PROFILE, "with blank", INVAL, 0, nullptr),
-        text(DEV_4200, O_PROFILE, "Office2", SANE_STATUS_GOOD, 0, "Office2"),
         // The network placeholder stores an address and a name.
-        text(DEV_NET, O_IP, "192.0.2.7", SANE_STATUS_GOOD, 0, "192.0.2.7"),
-        text(DEV_NET, O_USER, "alice", SANE_STATUS_GOOD, 0, "alice")));
+        text(DEV_NET, O_IP, "192.0.2.7", SANE_STATUS_GOOD, 0, "192.0.2.7")));
 
 TEST_F(Options, RefusedCallsLeaveEverythingAlone) {
     openDevice(DEV_4200);
@@ -566,7 +545,7 @@ TEST_F(Options, CurrentUserNameReadsAsTheLoginName) {
     EXPECT_EQ(pw ? pw->pw_name : "User1", getString(O_USER));
 }
 
-// ---- Frame parameters over USB ----
+// ---- Frame parameters ----
 
 struct Frame {
     SANE_Frame format;
@@ -582,65 +561,33 @@ void expectFrame(const Frame& f, const SANE_Parameters& p) {
     EXPECT_EQ(SANE_TRUE, p.last_frame);
 }
 
-// The frame get_parameters announces and, unless a preview, the scan window
-// that start sends (the request carrying it: 4 START on the 402, 3 LOCK on the
-// 500; line art goes out padded to whole bytes on the 402 only).
-struct ParamCase {
+// A preview computes the frame at 75 dpi but leaves the user's resolution:
+// 412.5 x 637.5 pixels of Statement, rounded on the second family and cut
+// down on the all-in-one family. (The frames of real scans, and the windows
+// they send, are checked through scanimage.)
+struct PreviewCase {
     const char* device;
-    SANE_Word dpi;
     const char* mode;
-    const char* size;
-    bool preview;
     Frame frame;
-    int dev, request;
-    unsigned wireWidth;
 };
 
-class UsbParameters : public Options, public ::testing::WithParamInterface<ParamCase> {};
+class Preview : public Options, public ::testing::WithParamInterface<PreviewCase> {};
 
-TEST_P(UsbParameters, FollowResolutionModeAndSizeAndReachTheScanWindow) {
-    const ParamCase& c = GetParam();
-    if (c.preview) writeConfiguration("[INTEGERS]\nPREVIEW=1\n");
+TEST_P(Preview, FrameAt75DpiKeepsTheResolution) {
+    const PreviewCase& c = GetParam();
+    writeConfiguration("[INTEGERS]\nPREVIEW=1\n");
     openDevice(c.device);
-    ASSERT_EQ(SANE_STATUS_GOOD, setWord(O_RES, c.dpi));
+    ASSERT_EQ(SANE_STATUS_GOOD, setWord(O_RES, 182));
     ASSERT_EQ(SANE_STATUS_GOOD, setString(O_MODE, c.mode));
-    ASSERT_EQ(SANE_STATUS_GOOD, setString(O_SIZE, c.size));
+    ASSERT_EQ(SANE_STATUS_GOOD, setString(O_SIZE, "Statement"));
     expectFrame(c.frame, parameters());
-    // A preview computes at 75 dpi but leaves the user's resolution.
-    EXPECT_EQ(c.dpi, getWord(O_RES));
-    if (c.preview) return;
-    ASSERT_EQ(SANE_STATUS_GOOD, api.start(handle));
-    usbsim_window w;
-    ASSERT_EQ(0, usbsim_last_window(c.dev, &w));
-    EXPECT_EQ(c.request, w.request);
-    EXPECT_EQ(c.frame.depth == 1 ? 1 : c.frame.format == SANE_FRAME_RGB ? 3 : 2, w.color);
-    EXPECT_EQ(c.dpi, w.xres);
-    EXPECT_EQ(c.dpi, w.yres);
-    EXPECT_EQ(c.wireWidth, w.width);
-    EXPECT_EQ((unsigned)c.frame.lines, w.lines);
-    EXPECT_EQ(0u, w.offset_x);
-    EXPECT_EQ(0u, w.offset_y);
-    api.cancel(handle);
+    EXPECT_EQ(182, getWord(O_RES));
 }
 
-const char LINEART[] = "1-bit Black & White";
-const char GREY[] = "8-bit Grayscale";
-const char COLOUR[] = "24-bit Color";
-
 INSTANTIATE_TEST_SUITE_P(
-    Frames, UsbParameters,
-    ::testing::Values(
-        // Statement, 5.5 in x 182 dpi = 1001 pixels; line art rounds the bytes up.
-        ParamCase{DEV_4200, 182, LINEART, "Statement", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}, 1, 4, 1008},
-        ParamCase{DEV_4200, 182, GREY, "Statement", false, {SANE_FRAME_GRAY, 8, 1001, 1547, 1001}, 1, 4, 1001},
-        ParamCase{DEV_4200, 182, COLOUR, "Statement", false, {SANE_FRAME_RGB, 8, 1001, 1547, 3003}, 1, 4, 1001},
-        ParamCase{DEV_5100, 182, LINEART, "Statement", false, {SANE_FRAME_GRAY, 1, 1001, 1547, 126}, 0, 3, 1001},
-        ParamCase{DEV_4200, 300, GREY, "Letter", false, {SANE_FRAME_GRAY, 8, 2550, 3300, 2550}, 1, 4, 2550},
-        ParamCase{DEV_5100, 300, GREY, "Letter", false, {SANE_FRAME_GRAY, 8, 2550, 3300, 2550}, 0, 3, 2550},
-        // Preview at 75 dpi: 412.5 x 637.5 pixels, rounded on the second
-        // family and cut down on the all-in-one family.
-        ParamCase{DEV_4200, 182, COLOUR, "Statement", true, {SANE_FRAME_RGB, 8, 413, 638, 1239}, 1, 4, 0},
-        ParamCase{DEV_5100, 182, LINEART, "Statement", true, {SANE_FRAME_GRAY, 1, 412, 637, 52}, 0, 3, 0}));
+    Frames, Preview,
+    ::testing::Values(PreviewCase{DEV_4200, "24-bit Color", {SANE_FRAME_RGB, 8, 413, 638, 1239}},
+                      PreviewCase{DEV_5100, "1-bit Black & White", {SANE_FRAME_GRAY, 1, 412, 637, 52}}));
 
 // ---- The network placeholder: address, dependencies, reset, parameters ----
 
@@ -715,12 +662,10 @@ TEST_P(NetworkParameters, UseTheMeasuredImage) {
 INSTANTIATE_TEST_SUITE_P(
     Network, NetworkParameters,
     ::testing::Values(
-        // Line art rounds down over the network.
+        // Line art rounds down over the network (the pages scanimage gets from
+        // the network scan program, interpolated or not, have widths of whole
+        // bytes); an interpolated size counts only when both sides are known.
         NetParamCase{0, "WIDTH_SCAN=1001\nHEIGHT_SCAN=40\n", {SANE_FRAME_GRAY, 1, 1001, 40, 125}},
-        NetParamCase{1, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\n", {SANE_FRAME_GRAY, 8, 640, 30, 640}},
-        // An interpolated image reports its own size.
-        NetParamCase{2, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\nINTER_WIDTH=1280\nINTER_HEIGHT=60\n",
-                     {SANE_FRAME_RGB, 8, 1280, 60, 3840}},
         NetParamCase{2, "WIDTH_SCAN=640\nHEIGHT_SCAN=30\nINTER_WIDTH=1280\n", {SANE_FRAME_RGB, 8, 640, 30, 1920}}));
 
 }  // namespace

@@ -2,14 +2,12 @@
 // first-in first-out order, what a take leaves behind, files planted where a
 // page or the data file goes, descriptors, and the progress program's start,
 // its argument and the lines it is sent.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -22,7 +20,6 @@
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
 
 int openFds() { return (int)qt::listDir("/proc/self/fd").size(); }
 
