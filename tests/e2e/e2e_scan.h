@@ -66,10 +66,10 @@ inline Window lastWindow(const std::string& log) {
 // ---- the page formula ----
 
 // One line of the page as the device sends it for the window: X = offset x +
-// column, Y = offset y + row; colour R = X, G = Y, B = X + Y (sent B, G, R when
-// bgr), grey X + 2Y, line art a checkerboard of 8 x 8 cells, most significant
-// bit first, padded with 0 bits to whole bytes (all mod 256).
-inline Bytes deviceLine(const Window& w, int row, bool bgr = false) {
+// column, Y = offset y + row; colour R = X, G = Y, B = X + Y, grey X + 2Y,
+// line art a checkerboard of 8 x 8 cells, most significant bit first, padded
+// with 0 bits to whole bytes (all mod 256).
+inline Bytes deviceLine(const Window& w, int row) {
     const unsigned Y = (unsigned)(w.iY + row);
     Bytes line;
     if (w.iColor == 1) {
@@ -85,10 +85,9 @@ inline Bytes deviceLine(const Window& w, int row, bool bgr = false) {
         line.resize((size_t)w.iWidth * 3);
         for (int c = 0; c < w.iWidth; ++c) {
             unsigned X = (unsigned)(w.iX + c);
-            unsigned char r = (unsigned char)X, g = (unsigned char)Y, b = (unsigned char)(X + Y);
-            line[(size_t)c * 3] = bgr ? b : r;
-            line[(size_t)c * 3 + 1] = g;
-            line[(size_t)c * 3 + 2] = bgr ? r : b;
+            line[(size_t)c * 3] = (unsigned char)X;
+            line[(size_t)c * 3 + 1] = (unsigned char)Y;
+            line[(size_t)c * 3 + 2] = (unsigned char)(X + Y);
         }
     }
     return line;

@@ -59,7 +59,8 @@ class NetHostile : public ::testing::TestWithParam<Hostile> {};
 
 // Addresses that are not dotted IPv4 are refused at scan time; user and
 // profile names other than letters, digits and "_" when they are set, or,
-// given by the feature file, when the scan starts.
+// given by the feature file, when the scan starts. (The rest of the address
+// forms: NetRefused of the scan job test.)
 TEST_P(NetHostile, RefusedAndNothingRuns) {
     const Hostile& h = GetParam();
     const std::string feature = *h.szFeature ? std::string("\n[STRINGS]\n") + h.szFeature + "\n" : "";
@@ -73,22 +74,14 @@ TEST_P(NetHostile, RefusedAndNothingRuns) {
 INSTANTIATE_TEST_SUITE_P(
     Values, NetHostile,
     ::testing::Values(Hostile{"AddressSemicolon", {"--ip-address", "192.0.2.2;touch m"}, ""},
-                      Hostile{"AddressSubstitution", {"--ip-address", "$(touch m)"}, ""},
                       Hostile{"AddressBackquotes", {"--ip-address", "`touch m`"}, ""},
-                      Hostile{"AddressQuotes", {"--ip-address", "192.0.2.2' ;touch 'm"}, ""},
                       Hostile{"AddressNewline", {"--ip-address", "192.0.2.2\ntouch m"}, ""},
-                      Hostile{"AddressAnd", {"--ip-address", "192.0.2.2 && touch m"}, ""},
-                      Hostile{"AddressIpv6", {"--ip-address", "::1"}, ""},
                       Hostile{"AddressOutOfRange", {"--ip-address", "192.0.2.256"}, ""},
-                      Hostile{"AddressEmpty", {"--ip-address", ""}, ""},
                       Hostile{"UserSemicolon", {"--user-name", "a;touch m"}, ""},
                       Hostile{"UserBlank", {"--user-name", "x y"}, ""},
                       Hostile{"ProfileDotDot", {"--profile-name", "../m"}, ""},
-                      Hostile{"ProfileSubstitution", {"--profile-name", "$(touch m)"}, ""},
                       Hostile{"ProfileQuote", {"--profile-name", "a'b"}, ""},
-                      Hostile{"ProfileNewline", {"--profile-name", "a\ntouch m"}, ""},
                       Hostile{"FeatureProfile", {}, "PROFILENAME=x;touch m"},
-                      Hostile{"FeatureProfilePath", {}, "PROFILENAME=../../m"},
                       Hostile{"FeatureUser", {}, "USERNAME=$(touch m)"}),
     [](const ::testing::TestParamInfo<Hostile>& info) { return std::string(info.param.szName); });
 

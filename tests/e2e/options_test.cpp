@@ -1,5 +1,5 @@
-// The options as scanimage shows and sets them, against the simulated
-// scanners of tests/data/options.scn.
+// The options as scanimage shows them, against the simulated scanners of
+// tests/data/options.scn.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -68,60 +68,6 @@ TEST(Listing, ShowsEveryOptionWithListsRangesAndInactiveStates) {
         "    --bkgremoval Off|Auto|Mild|Moderate|Strong [inactive]",
         "    --reset [inactive]"};
     EXPECT_EQ(want, optionLines(out)) << out;
-}
-
-struct ScanCase {
-    const char* device;
-    std::vector<std::string> options;
-    const char* window;  // the scan window the simulator logged
-    const char* header;  // of the image scanimage wrote
-    size_t size;         // bytes of the image after that header
-};
-
-class SetThroughScanimage : public ::testing::TestWithParam<ScanCase> {};
-
-TEST_P(SetThroughScanimage, ReachesTheDeviceAndShapesTheImage) {
-    const ScanCase& c = GetParam();
-    qt::SaneEnv sane(CONF, scenario());
-    std::vector<std::string> args = {"-d", c.device, "--format=pnm"};
-    args.insert(args.end(), c.options.begin(), c.options.end());
-    std::string out, err;
-    ASSERT_EQ(0, sane.scanimage(args, &out, &err)) << err;
-    std::string log = qt::readFile(sane.simLogPath());
-    EXPECT_NE(std::string::npos, log.find(c.window)) << log.substr(0, 4000);
-    const std::string header = c.header;
-    EXPECT_EQ(header, out.substr(0, header.size()));
-    EXPECT_EQ(header.size() + c.size, out.size());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Models, SetThroughScanimage,
-    ::testing::Values(
-        // 51 x 89 mm: at 150 dpi 301.2 x 525.6 pixels, rounded on the 4200; at
-        // 182 dpi 365.4 x 637.7, cut down on the 5100.
-        ScanCase{"quarto:libusb/001/005",
-                 {"--scan-resolution", "150", "--mode", "8-bit Grayscale", "--original-size", "Business Card"},
-                 "window dev=1 color=2 width=301 lines=526 x=0 y=0 xres=150 yres=150 ",
-                 "P5\n# SANE data follows\n301 526\n255\n",
-                 301 * 526},
-        ScanCase{"quarto:libusb/001/004",
-                 {"--scan-resolution", "182", "--mode", "24-bit Color", "--original-size", "Business Card"},
-                 "window dev=0 color=3 width=365 lines=637 x=0 y=0 xres=182 yres=182 ",
-                 "P6\n# SANE data follows\n365 637\n255\n",
-                 3 * 365 * 637},
-        // Statement at 182 dpi is 1001 pixels wide: 126 bytes a line-art line.
-        ScanCase{"quarto:libusb/001/004",
-                 {"--scan-resolution", "182", "--mode", "1-bit Black & White", "--original-size", "Statement"},
-                 "window dev=0 color=1 width=1001 lines=1547 x=0 y=0 xres=182 yres=182 ",
-                 "P4\n# SANE data follows\n1001 1547\n",
-                 126 * 1547}));
-
-TEST(SetThroughScanimage, ValueOutsideTheListIsRefusedBeforeAnyScan) {
-    qt::SaneEnv sane(CONF, scenario());
-    std::string out, err;
-    EXPECT_NE(0, sane.scanimage({"-d", "quarto:libusb/001/004", "--mode", "Sepia"}, &out, &err));
-    EXPECT_NE(std::string::npos, err.find("setting of option --mode failed")) << err;
-    EXPECT_EQ(std::string::npos, qt::readFile(sane.simLogPath()).find("window ")) << "a scan was started";
 }
 
 }  // namespace

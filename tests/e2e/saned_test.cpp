@@ -132,16 +132,6 @@ std::unique_ptr<qt::SaneEnv> SanedScan::server;
 std::unique_ptr<Saned> SanedScan::saned;
 std::unique_ptr<qt::TempDir> SanedScan::client;
 
-TEST_F(SanedScan, NetBackendListsTheServedScanners) {
-    std::string out, err;
-    ASSERT_EQ(0, netScanimage({"-f", "%d%n"}, &out, &err)) << err;
-    EXPECT_EQ(
-        "net:127.0.0.1:quarto:libusb/001/002\nnet:127.0.0.1:quarto:libusb/001/003\n"
-        "net:127.0.0.1:quarto:libusb/001/005\nnet:127.0.0.1:quarto:libusb/001/004\n",
-        out)
-        << err << saned->log();
-}
-
 struct NetCase {
     const char* szName;
     const char* szDevice;

@@ -16,7 +16,6 @@ public:
     // the repository's etc/models and "@DATADIR@" by tests/data.
     explicit SaneEnv(const std::string& quartoConf, const std::string& scenarioPath = std::string());
 
-    const std::string& confDir() const { return dir.path(); }
     std::string file(const std::string& name) const { return dir.file(name); }
     // Environment for a front end: SANE_CONFIG_DIR, LD_LIBRARY_PATH (simulator
     // first), QUARTO_USBSIM, QUARTO_USBSIM_LOG, an empty DISPLAY (no window is
@@ -36,18 +35,6 @@ public:
     // The "device `...' is a ..." lines of scanimage -L, in order; *rc gets
     // its exit status.
     std::vector<std::string> listDevices(int* rc, std::string* err = nullptr) const;
-
-    // scanimage with its standard output on a pipe: after `firstBytes` bytes it
-    // gets SIGINT (Ctrl-C) and is read on to the end. While the pipe is not
-    // read the scan cannot move on, so the signal arrives in mid-page whatever
-    // the speed of the machine.
-    struct Interrupted {
-        int iStatus = -1;
-        size_t lBytes = 0;
-        std::string szErr;
-    };
-    Interrupted scanimageInterrupted(const std::vector<std::string>& args, size_t firstBytes,
-                                     const std::vector<std::string>& extraEnv = {}, int timeoutSeconds = 60) const;
 
     static std::string expand(const std::string& text);
 

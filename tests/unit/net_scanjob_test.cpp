@@ -1,6 +1,7 @@
 // The network scan job at the transport: the command line the scan program
 // gets, values refused before anything runs, and the pages the program leaves
-// as ReadImage hands them out. A shell script stands in for the program: it
+// as ReadImage hands them out. The plain rotations, interpolation and the
+// command line of each mode are pinned by the network scans end to end. A shell script stands in for the program: it
 // records its arguments and copies prepared pages to where --filename points.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -136,12 +137,6 @@ TEST_P(NetCommand, IsTheDocumentedOne) {
 INSTANTIATE_TEST_SUITE_P(
     Jobs, NetCommand,
     ::testing::Values(
-        CommandCase{"Colour", {}, "alice",
-                    "--user-name='alice' --profile-name='Default' --content-type=1 --resolution=300 --mode=2 "
-                    "--original-size=4 --orientation=0 --bkgremoval=0 --mirrorimage=0 --negativeimage=0 "
-                    "--scan-both-sides=0 --brightness=5 --colordropout=0 --colordropoutthreshold=128 --compression=2 "
-                    "--type=3 --text-mode=0 --contrast=3 --documentsource=10 --sharpness=0 --start-now=1",
-                    false},
         // Grey sends no contrast; the other family's lists and +3 adjustments; high resolution.
         CommandCase{"GreyOtherFamily",
                     {{"COLORDEPTH", 1}, {"CURRENTDPI", 1200}, {"BOXKIND", 1}, {"ORIGINALSIZE", 23},
@@ -162,13 +157,6 @@ INSTANTIATE_TEST_SUITE_P(
                     "--original-size=15 --orientation=0 --bkgremoval=0 --mirrorimage=0 --negativeimage=0 "
                     "--scan-both-sides=0 --brightness=5 --colordropout=0 --colordropoutthreshold=128 --compression=2 "
                     "--type=3 --text-mode=0 --documentsource=0 --sharpness=0 --start-now=1",
-                    true},
-        // Colour at 1200 from the feeder; a user name with shell syntax stays one quoted word.
-        CommandCase{"FeederQuotedUser", {{"CURRENTDPI", 1200}, {"SCAN_SOURCE", 1}}, "it's $(id);`id`\nx",
-                    "--user-name='it'\\''s $(id);`id`\nx' --profile-name='Default' --content-type=1 --resolution=1200 "
-                    "--mode=2 --original-size=4 --orientation=0 --bkgremoval=0 --mirrorimage=0 --negativeimage=0 "
-                    "--scan-both-sides=0 --brightness=5 --colordropout=0 --colordropoutthreshold=128 --compression=6 "
-                    "--type=4 --text-mode=0 --contrast=3 --documentsource=10 --sharpness=0 --start-now=1",
                     true}),
     [](const ::testing::TestParamInfo<CommandCase>& i) { return std::string(i.param.name); });
 
@@ -197,12 +185,10 @@ TEST_P(NetRefused, RunsNothingAndTouchesNoFile) {
 INSTANTIATE_TEST_SUITE_P(
     Values, NetRefused,
     ::testing::Values(RefusedCase{"IP", "192.0.2", 0}, RefusedCase{"IP", "192.0.2.1;touch marker", 0},
-                      RefusedCase{"IP", "$(touch marker)", 0}, RefusedCase{"IP", "::1", 0}, RefusedCase{"IP", "", 0},
-                      RefusedCase{"IP", "scanner.example", 0}, RefusedCase{"IP", "192.0.2.256", 0},
+                      RefusedCase{"IP", "", 0}, RefusedCase{"IP", "192.0.2.256", 0},
                       RefusedCase{"TEMPDIRECTORY", "relative/job", 0}, RefusedCase{"TEMPDIRECTORY", "/", 0},
-                      RefusedCase{"TEMPDIRECTORY", "//", 0}, RefusedCase{"TEMPDIRECTORY", "/tmp/../etc", 0},
-                      RefusedCase{"TEMPDIRECTORY", "/tmp/./x", 0}, RefusedCase{"TEMPDIRECTORY", "/tmp/x/", 0},
-                      RefusedCase{"PROFILENAME", "../Default", 0}, RefusedCase{"PROFILENAME", "a/b", 0},
+                      RefusedCase{"TEMPDIRECTORY", "/tmp/../etc", 0}, RefusedCase{"TEMPDIRECTORY", "/tmp/./x", 0},
+                      RefusedCase{"TEMPDIRECTORY", "/tmp/x/", 0}, RefusedCase{"PROFILENAME", "../Default", 0},
                       RefusedCase{"BINARY", "", 0}, RefusedCase{"USERNAME", std::string(600, 'u'), 0},
                       RefusedCase{"ORIGINALSIZE", "", 38}, RefusedCase{"ORIGINALSIZE", "", -1},
                       RefusedCase{"DOCUMENTSOURCE", "", 10}));
@@ -275,16 +261,11 @@ TEST_P(NetPage, IsDecodedTurnedAndScaledAsTheOptionsSay) {
 
 INSTANTIATE_TEST_SUITE_P(
     Pages, NetPage,
-    ::testing::Values(PageCase{"Colour", 2, 300, 300, 0, 150, 120}, PageCase{"Grey", 1, 300, 300, 0, 90, 200},
-                      PageCase{"LineArt", 0, 300, 300, 180, 64, 40}, PageCase{"Colour180", 2, 300, 300, 180, 37, 23},
-                      PageCase{"Grey90", 1, 300, 300, 90, 31, 17}, PageCase{"Colour270", 2, 300, 300, 270, 40, 9},
-                      PageCase{"Colour45", 2, 300, 300, 45, 16, 8}, PageCase{"Colour400", 2, 300, 300, 400, 16, 8},
-                      PageCase{"Interpolated", 2, 150, 300, 0, 33, 21}, PageCase{"GreyWidthOnly", 1, 200, 300, 0, 30, 7},
+    ::testing::Values(PageCase{"Colour45", 2, 300, 300, 45, 16, 8}, PageCase{"Colour400", 2, 300, 300, 400, 16, 8},
+                      PageCase{"GreyWidthOnly", 1, 200, 300, 0, 30, 7},
                       PageCase{"Turned90ThenScaled", 2, 100, 300, 90, 13, 5},
                       PageCase{"LineArtNotScaled", 0, 150, 300, 0, 48, 12},
                       PageCase{"LargerThanRequested", 2, 600, 300, 0, 20, 10},
-                      PageCase{"WicketColour14", 2, 1200, 1200, 0, 100, 70, 14},
-                      PageCase{"WicketGrey15", 1, 1200, 1200, 0, 100, 70, 15},
                       PageCase{"WicketColour15Turned180", 2, 1200, 1200, 180, 100, 70, 15},
                       PageCase{"WicketGrey14Turned90", 1, 1200, 1200, 90, 100, 70, 14},
                       PageCase{"LineArtFamily14IsZlib", 0, 1200, 1200, 0, 64, 40, 14},
