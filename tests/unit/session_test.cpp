@@ -379,6 +379,58 @@ TEST_F(SessionTest, CancelInMidCompressedPageAndTheNextPageIsWhole) {
     EXPECT_TRUE(std::vector<unsigned char>(want.begin(), want.end()) == page.data);
 }
 
+// A jam and a read time-out in mid-scan are seen through scanimage; these are
+// the faults it is not shown.
+struct FaultCase {
+    const char* fault;  // "unplug": unplugged, then plugged in again under the same numbers
+    int value;
+    bool afterStart;  // switched on once the scan runs (read counters)
+    SANE_Status status;
+    bool unlocked;
+};
+
+void PrintTo(const FaultCase& c, std::ostream* os) { *os << c.fault; }
+
+class MidScanFault : public SessionTest, public ::testing::WithParamInterface<FaultCase> {};
+
+TEST_P(MidScanFault, EndsTheReadWithItsStatusAndTheNextSessionScans) {
+    const FaultCase& c = GetParam();
+    auto fault = [&](int value) {
+        if (strcmp(c.fault, "unplug") != 0) return usbsim_set_fault(0, c.fault, value);
+        return value < 0 ? usbsim_replug(0, "001", "004") : usbsim_unplug(0);
+    };
+    Rig rig(st::Q4200, smallPage(st::Q4200));
+    ASSERT_TRUE(rig.loaded);
+    ASSERT_EQ(SANE_STATUS_GOOD, open());
+    if (!c.afterStart) {
+        ASSERT_EQ(0, fault(c.value));
+    }
+    Page page;
+    ASSERT_EQ(SANE_STATUS_GOOD, sane().get_parameters(h, &page.params));
+    ASSERT_EQ(SANE_STATUS_GOOD, sane().start(h));
+    if (c.afterStart) {
+        ASSERT_EQ(0, fault(c.value));
+    }
+    const int mark = usbsim_write_count(0);
+    st::readPage(h, 32768, page);
+    EXPECT_EQ(c.status, page.end);
+    EXPECT_LT(page.data.size(), (size_t)page.params.lines * (size_t)page.params.bytes_per_line);
+    // An I/O error leaves the scanner locked; the next open releases it.
+    EXPECT_EQ(c.unlocked ? std::vector<std::string>{st::H_UNLOCK} : std::vector<std::string>{}, st::writeHeaders(mark));
+
+    ASSERT_EQ(0, fault(-1));
+    sane().cancel(h);
+    close();
+    EXPECT_EQ(st::countEvents("open dev=0 bus"), st::countEvents("close dev=0"));
+    ASSERT_EQ(SANE_STATUS_GOOD, open());
+    expectFullPage();
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, MidScanFault,
+                         ::testing::Values(FaultCase{"abort", 40, false, SANE_STATUS_CANCELLED, true},
+                                           FaultCase{"device_abort", 40, false, SANE_STATUS_CANCELLED, true},
+                                           FaultCase{"unplug", 0, true, SANE_STATUS_IO_ERROR, false}));
+
 // ---------------------------------------------------------------- many sessions
 
 TEST_F(SessionTest, TwoHundredSessionsInOneProcessKeepNoDescriptor) {
