@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "CLogger.h"
+#include "util.h"
 
 class Image : public CLogger {
 public:
@@ -42,10 +43,6 @@ public:
     unsigned char* releaseData();
 
 private:
-    struct FreeDeleter {
-        void operator()(unsigned char* p) const { free(p); }
-    };
-
     unsigned char* rotate180(FILE* f);
     unsigned char* rotate270(FILE* f);
 

@@ -117,10 +117,6 @@ unsigned char* allocPageBuffer(long long bytes) {
     return p;
 }
 
-unsigned readBE16(const unsigned char* p, long len, long off) {
-    return (off >= 0 && off + 2 <= len) ? unsigned(p[off] << 8 | p[off + 1]) : 0u;
-}
-
 bool containsNoCase(const std::string& hay, const char* needle) {
     return needle != nullptr && strcasestr(hay.c_str(), needle) != nullptr;
 }

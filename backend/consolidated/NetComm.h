@@ -25,6 +25,7 @@
 #include "CLogger.h"
 #include "ICommunication.h"
 #include "NValueObjects.h"
+#include "util.h"
 
 // Room of the IP address field, terminator included.
 const int NET_IP_ADDRESS_SIZE = 32;
@@ -156,9 +157,6 @@ public:
     int getRotation() const { return iRotate; }
 
 private:
-    struct FreeDeleter {
-        void operator()(unsigned char* p) const { free(p); }
-    };
     struct FileCloser {
         void operator()(FILE* f) const { fclose(f); }
     };

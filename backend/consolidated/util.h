@@ -48,6 +48,9 @@ inline uint32_t readLE32(const unsigned char* p, long len, long off) {
                      uint32_t(p[off + 3]) << 24
                : 0u;
 }
+inline unsigned readBE16(const unsigned char* p, long len, long off) {
+    return (p != nullptr && off >= 0 && off + 2 <= len) ? unsigned(p[off] << 8 | p[off + 1]) : 0u;
+}
 inline uint32_t readBE32(const unsigned char* p, long len, long off) {
     return (p != nullptr && off >= 0 && off + 4 <= len)
                ? uint32_t(p[off]) << 24 | uint32_t(p[off + 1]) << 16 | uint32_t(p[off + 2]) << 8 |
