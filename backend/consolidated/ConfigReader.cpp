@@ -8,9 +8,6 @@ namespace {
 
 const double MM_PER_INCH = 25.4;
 const int CONNECTION_USB = 1;
-const int COLOR_DEPTH_BW = 0;
-const int COLOR_DEPTH_GRAY = 1;
-const int COLOR_DEPTH_COLOR = 2;
 const int SCAN_SOURCE_FLATBED = 0;
 const int SCAN_SOURCE_ADF = 1;
 const int BOXKIND_CUT = 1;

@@ -9,6 +9,11 @@
 
 #include "CLogger.h"
 
+// Values of the COLORDEPTH option.
+const int COLOR_DEPTH_BW = 0;
+const int COLOR_DEPTH_GRAY = 1;
+const int COLOR_DEPTH_COLOR = 2;
+
 class ConfigReader : public CLogger {
 public:
     ConfigReader();

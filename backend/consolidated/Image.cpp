@@ -5,10 +5,10 @@
 #include <cstring>
 #include <vector>
 
+#include "ConfigReader.h"
+
 namespace {
 
-const int COLOR_DEPTH_GRAY = 1;
-const int COLOR_DEPTH_COLOR = 2;
 // Whole pixels taken from the file per read by the 180-degree routine.
 const size_t PIXELS_PER_READ = 1 << 18;
 

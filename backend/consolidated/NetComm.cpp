@@ -79,9 +79,6 @@ const int MAC_BYTES = 6;
 const char NPA_FAMILY_WICKET[] = "1 107";
 
 // Scan job.
-const int COLOR_DEPTH_BW = 0;
-const int COLOR_DEPTH_GRAY = 1;
-const int COLOR_DEPTH_COLOR = 2;
 const int HIGH_DPI = 1200;
 const int COMPRESSION_HIGH = 6, TYPE_HIGH = 4;
 const int COMPRESSION_LOW = 2, TYPE_LOW = 3;
