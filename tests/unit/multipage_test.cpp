@@ -30,6 +30,7 @@
 #include "IOComm.h"
 #include "ImageData.h"
 #include "ScanRecordDataMgr.h"
+#include "protocol_testutil.h"
 #include "testutil.h"
 #include "usbsim.h"
 
@@ -47,20 +48,8 @@ extern "C" int usb_bulk_read(usb_dev_handle* h, int ep, char* bytes, int size, i
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-Bytes hex(const char* text) {
-    Bytes b;
-    for (const char* p = text; p[0] && p[1];) {
-        if (*p == ' ') {
-            ++p;
-            continue;
-        }
-        b.push_back((unsigned char)strtoul(std::string(p, 2).c_str(), nullptr, 16));
-        p += 2;
-    }
-    return b;
-}
+using proto::Bytes;
+using proto::hex;
 
 // Records as a device sends them in a feeder job (lengths count the status,
 // the unused byte and the payload).

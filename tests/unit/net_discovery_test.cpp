@@ -20,18 +20,13 @@
 #include "SaneConfReader.h"
 #include "netlab.h"
 #include "netns.h"
+#include "protocol_testutil.h"
 #include "testutil.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-Bytes hex(const char* text) {
-    Bytes out;
-    for (const char* p = text; *p; p += *p == ' ' ? 1 : 2)
-        if (*p != ' ') out.push_back((unsigned char)strtoul(std::string(p, 2).c_str(), nullptr, 16));
-    return out;
-}
+using proto::Bytes;
+using proto::hex;
 
 void append(Bytes& b, const std::string& s) { b.insert(b.end(), s.begin(), s.end()); }
 
