@@ -1,6 +1,7 @@
 """A Python program as a SANE front end: python3-sane (the _sane extension
-over the system's libsane and its dll loader) lists the simulated scanners and
-scans pages whose pixels must follow the page formula."""
+over the system's libsane and its dll loader) lists the simulated scanners,
+reads and sets options, and scans pages whose pixels must follow the page
+formula."""
 
 import os
 import sys
@@ -26,6 +27,23 @@ class PythonClient(unittest.TestCase):
             ("quarto:libusb/001/004", "Tarvesk", "Quarto 5100", "Scanner"),
             ("quarto:libusb/001/005", "Tarvesk", "Quarto 4200", "Scanner"),
         ])
+
+    def test_options_read_and_set(self):
+        dev = sane.open("quarto:libusb/001/004")
+        try:
+            opts = {o[1]: o for o in dev.get_options()}
+            self.assertEqual(opts["mode"][8], list(qp.MODE_NAMES.values()))
+            self.assertEqual(opts["scan-resolution"][8], [75, 150, 300, 600, 1200])
+            self.assertEqual((dev.mode, dev.scan_resolution), ("24-bit Color", 300))
+            dev.mode, dev.scan_resolution = "1-bit Black & White", 600
+            self.assertEqual((dev.mode, dev.scan_resolution), ("1-bit Black & White", 600))
+            # A value outside the list is refused by the backend, and the old one stays.
+            with self.assertRaises(sane._sane.error) as refused:
+                dev.scan_resolution = 123
+            self.assertIn("Invalid argument", str(refused.exception))
+            self.assertEqual(dev.scan_resolution, 600)
+        finally:
+            dev.close()
 
     def test_scans_follow_the_page_formula(self):
         cases = [("quarto:libusb/001/004", "24-bit Color", 150, 3),
